@@ -1,0 +1,48 @@
+// The platform logger. Lines go to the host's log file
+// ("/var/log/corvane/configmanager.log", logical) and, when their priority is
+// at or below the stderr verbosity, to stderr. Priorities: 0 failure, 1 note,
+// 2 progress and decisions, 3 detail. Thread-safe.
+//
+// Never pass a value that a schema marks sensitive; format untrusted text
+// through "%s", never as the format.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace CSLogger {
+
+void Log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Lines with priority <= level also go to stderr; -1 (the default) sends none.
+void SetStderrVerbosity(int level);
+
+constexpr const char* kLogFile = "/var/log/corvane/configmanager.log";
+
+// While alive, records every logged line (all priorities) of this process, so
+// tests can assert exact texts. Captures nest; each sees the lines logged
+// during its own life.
+class Capture {
+ public:
+  Capture();
+  ~Capture();
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
+
+  std::vector<std::pair<int, std::string>> Lines() const;
+  // Texts of the lines with this priority, in order.
+  std::vector<std::string> Texts(int priority) const;
+  bool Contains(int priority, const std::string& text) const;
+  void Clear();
+
+ private:
+  friend void Log(int, const char*, ...);
+  std::vector<std::pair<int, std::string>> lines_;
+};
+
+}  // namespace CSLogger
+
+// printf into a newly malloc'ed string; the caller frees it. Never null
+// (aborts the format into "" on an encoding error).
+char* Str_Asprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));

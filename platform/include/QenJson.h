@@ -1,0 +1,37 @@
+// The project's one RapidJSON configuration. Include this header instead of
+// any <rapidjson/...> header so that every translation unit agrees on the
+// definition of RAPIDJSON_ASSERT and RAPIDJSON_HAS_STDSTRING (mixing them is
+// an ODR violation).
+//
+// RapidJSON's internal checks (wrong type for an accessor, missing member for
+// operator[], ...) throw QenConfigStore::ConfigStoreException with code 1082
+// and the text  JSON error: "<file>":<line>: <condition>  instead of aborting.
+#pragma once
+
+#ifdef RAPIDJSON_ASSERT
+#error "include QenJson.h before any RapidJSON header"
+#endif
+
+#define RAPIDJSON_HAS_STDSTRING 1
+
+namespace QenPlatform {
+[[noreturn]] void ThrowJsonError(const char* file, int line, const char* condition);
+}
+
+#define RAPIDJSON_ASSERT(x) \
+  do { if (!(x)) ::QenPlatform::ThrowJsonError(__FILE__, __LINE__, #x); } while (0)
+
+#include <rapidjson/allocators.h>
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+#include <rapidjson/istreamwrapper.h>
+#include <rapidjson/ostreamwrapper.h>
+#include <rapidjson/pointer.h>
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+namespace QenPlatform {
+// Error code of a failed RapidJSON structural check.
+constexpr int kJsonErrorCode = 1082;
+}

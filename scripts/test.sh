@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Installs what is needed, builds, and runs the whole test suite with ctest.
+set -euo pipefail
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+"$ROOT/scripts/deps.sh"
+export BUILD_DIR="${BUILD_DIR:-$ROOT/build}"
+"$ROOT/scripts/build.sh" -DQEN_BUILD_BENCH=ON
+cd "$BUILD_DIR"
+ctest -j"$(nproc)" --output-on-failure
