@@ -27,6 +27,7 @@ namespace QenConfigManager {
 
 using QenConfigStore::ConfigMap;
 using QenConfigStore::ConfigMapList;
+using QenConfigStore::ConfigMapVector;
 using QenConfigStore::ConfigStoreObjectId;
 using QenSchemaStore::SchemaObject;
 
@@ -191,11 +192,11 @@ QCM_EXPORT void AddMember(rapidjson::Document* doc, rapidjson::Value* object, co
                           rapidjson::Value* value);
 QCM_EXPORT bool IsEqualArray(const rapidjson::Value& a, const rapidjson::Value& b);
 QCM_EXPORT void CreateMergedDocument(const rapidjson::Document& schema, rapidjson::Document& doc);
-QCM_EXPORT std::shared_ptr<QenConfigStore::JsonDoc> CreateDocumentFromMap(const ConfigMapList& maps);
+QCM_EXPORT std::shared_ptr<QenConfigStore::JsonDoc> CreateDocumentFromMap(const ConfigMapVector& maps);
 QCM_EXPORT std::string GetInstanceIdFromValue(const rapidjson::Value& value,
                                               const std::shared_ptr<SchemaObject>& schema);
-QCM_EXPORT void FilterSolutionUserInstances(ConfigMapList& maps, std::shared_ptr<SchemaObject> schema);
-QCM_EXPORT ConfigMapList GetExternalDefaultUserConfig(
+QCM_EXPORT void FilterSolutionUserInstances(ConfigMapVector& maps, std::shared_ptr<SchemaObject> schema);
+QCM_EXPORT ConfigMapVector GetExternalDefaultUserConfig(
     const ConfigStoreObjectId& id, const std::shared_ptr<DBStore::StoreConnection>& connection,
     std::shared_ptr<SchemaObject> schema);
 QCM_EXPORT bool fileExists(const std::string& path);

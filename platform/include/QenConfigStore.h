@@ -63,9 +63,13 @@ struct CsoIdHash {
   size_t operator()(const ConfigStoreObjectId& id) const;
 };
 
-// One stored value: {"Identifier": instance id or "", "Value": JSON text}.
+// One stored object as string members: "Component", "ConfigGroup", "Name",
+// "Identifier" (instance id, "" for a singleton), "Value" (JSON text or
+// "DELETE_DEFAULT"), "AutoConfValue" (JSON text, may be empty).
 typedef std::unordered_map<std::string, std::string> ConfigMap;
-typedef std::vector<std::shared_ptr<ConfigMap>> ConfigMapList;
+typedef std::vector<std::shared_ptr<ConfigMap>> ConfigMapVector;
+// What the store's list reads return: shared, in the store's order.
+typedef std::shared_ptr<ConfigMapVector> ConfigMapList;
 
 }  // namespace QenConfigStore
 
@@ -84,7 +88,7 @@ inline std::shared_ptr<DBStore::StoreConnection> GetDBStore(int type, bool creat
 
 // Default user configuration entries stored for an object id (all instances
 // when the id has no instance identifier), ordered by instance identifier.
-ConfigMapList GetDefaultUserConfigMapList(const ConfigStoreObjectId& id,
+ConfigMapVector GetDefaultUserConfigMapList(const ConfigStoreObjectId& id,
                                           const std::shared_ptr<DBStore::StoreConnection>& conn);
 
 }  // namespace QenConfigStore
