@@ -3,11 +3,249 @@
 // plugin operations.
 #pragma once
 
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
 #include "configmanager/common.h"
+
+namespace QenConfigStore {
+class ConfigStoreObject;
+class DriftObject;
+}  // namespace QenConfigStore
+
+// ---- manifests, manager, requests -----------------------------------------
+//
+// Manifest schema checking. Free functions, stateless, thread-safe. Paths are
+// physical (they serve tooling that checks manifests before installation);
+// the library's own callers map logical paths with QenPlatform::HostPath.
+
+// Manifest version -> parsed manifest schema.
+typedef std::unordered_map<int64_t, std::shared_ptr<rapidjson::Document>> PluginSchemaTable;
+
+// The manifest's integer "version", or 1 when it has none (or not an object).
+QCM_EXPORT int64_t GetPluginVersion(const rapidjson::Value& manifest);
+// Parses and vets one schema file; the version it serves, or -1 and `error`.
+QCM_EXPORT int64_t CreatePluginSchemaFromFile(const std::string& path, rapidjson::Document& schema,
+                                              std::string& error);
+// The three version schemas of `directory`; empty with `error` set when one
+// of them is bad (the first bad file stops the load).
+QCM_EXPORT PluginSchemaTable CreatePluginSchemas(std::string_view directory, std::string& error);
+// Appends {"file": file, "validation_errors": value} to `report` (an array);
+// `value` is moved in and left null.
+QCM_EXPORT void AddValidationError(rapidjson::Document& report, std::string_view file,
+                                   rapidjson::Value& value);
+// Checks every ".json" file below `manifestDir` against its version's schema
+// and appends one report element per problem. Never throws for bad files.
+QCM_EXPORT void ValidateAllPlugins(std::string_view manifestDir, std::string_view schemaDir,
+                                   rapidjson::Document& report);
 
 namespace QenConfigManager {
 
-// ---- manifests, manager, requests -----------------------------------------
+using QenConfigStore::ConfigStoreObject;
+using QenConfigStore::DriftObject;
+typedef std::vector<std::shared_ptr<ConfigStoreObject>> ConfigStoreObjectList;
+typedef std::vector<ConfigStoreObjectId> ConfigStoreObjectIdList;
+
+// Results of the plugin operations, read from the runner's result file by the
+// plugin support library.
+class ImpactPluginResult;
+class ExtractPluginResult;
+class ValidationPluginResult;
+
+enum PluginType : int32_t {
+  PLUGIN_APPLY = 0,
+  PLUGIN_APPLY_BOOT = 1,
+  PLUGIN_EXTRACT = 2,
+  PLUGIN_IMPACT = 3,
+  PLUGIN_VALIDATE = 4,
+};
+
+// One apply operation of a plugin: the service it provides and the services
+// that must have run before it.
+class QCM_EXPORT PluginApplyOperation {
+ public:
+  PluginApplyOperation() = default;
+  PluginApplyOperation(std::string name, std::string provides, std::vector<std::string> depends)
+      : name(std::move(name)), provides(std::move(provides)), depends(std::move(depends)) {}
+  ~PluginApplyOperation();
+
+  std::string name;
+  std::string provides;
+  std::vector<std::string> depends;
+};
+
+// The drift details restored from a drift cache.
+struct QCM_EXPORT CachedDriftObject {
+  std::shared_ptr<DriftObject> drift;  // may be null
+  std::string operation;
+};
+
+// One configuration object handed to an apply or impact plugin.
+struct QCM_EXPORT DesiredConfigInput {
+  std::shared_ptr<ConfigStoreObject> object;           // never null
+  std::shared_ptr<DriftObject> drift;                  // null: no drift
+  std::string operation;                               // "SET", "ADD", "DELETE" or ""
+  std::shared_ptr<CachedDriftObject> cachedDrift;      // null: none
+};
+typedef std::vector<DesiredConfigInput> DesiredConfigInputList;
+
+// The in-memory form of one plugin manifest, named by its logical path below
+// the plugin directory (the identity comes from the path's segments).
+// Immutable after construction, safe to read from any thread; shared through
+// std::shared_ptr. Every accessor reads the kept manifest; a key that the
+// manifest lacks or has with the wrong type throws ConfigStoreException 1082.
+class QCM_EXPORT Plugin {
+ public:
+  // Throws ConfigManagerException (3000, 2081, 2082) for a rejected manifest.
+  explicit Plugin(const char* filename);
+  ~Plugin();
+  Plugin(const Plugin&) = delete;
+  Plugin& operator=(const Plugin&) = delete;
+
+  // Checks the manifest against its version's schema; throws 3000.
+  void validateFile(const char* filename) const;
+
+  std::string GetId() const { return id; }
+  int64_t GetVersion() const { return version; }
+  const std::string& GetType() const { return type; }
+  // Shared object of a "c++" plugin; empty for "python".
+  const std::string& GetModule() const { return module; }
+  // The schema store's text for the first accepted object (may be empty).
+  const std::string& GetSchemaLabel() const { return schemaLabel; }
+  const rapidjson::Document& GetManifest() const { return manifest; }
+  ConfigStoreObjectIdList GetCSOIdList() const { return csoIds; }
+
+  std::string GetApplyGroup() const;
+  bool HasApplyBootSupport() const;
+  bool HasApplySupport() const;
+  bool HasValidateSupport() const;
+  bool HasExtractSupport() const;
+  bool HasImpactSupport() const;
+  // Version 3 only: fills `operation` (passed in empty) from "apply"."REMEDIATE".
+  void GetRemediateOperation(PluginApplyOperation& operation) const;
+  std::vector<PluginApplyOperation> GetOperations() const;
+  bool CheckType(PluginType pluginType) const;
+  ConfigStoreObjectIdList GetExtractConfigIds() const;
+  ConfigStoreObjectIdList GetImpactCacheDetails() const;
+  ConfigStoreObjectIdList GetReferences() const;
+
+  // The plugin operations: run the plugin's runner; a plugin failure comes
+  // back in the result's ErrorInfo, never as an exception.
+  ErrorInfo Apply(const DesiredConfigInputList& inputs, const std::string& context,
+                  const std::shared_ptr<PluginMonitor>& monitor) const;
+  ImpactPluginResult Impact(const DesiredConfigInputList& inputs, const std::string& context,
+                            const std::shared_ptr<PluginMonitor>& monitor) const;
+  ExtractPluginResult Extract(const ConfigStoreObjectIdList& ids, const std::string& context,
+                              const std::shared_ptr<PluginMonitor>& monitor) const;
+  ValidationPluginResult Validate(const ConfigStoreObjectList& data,
+                                  const ConfigStoreObjectList& references,
+                                  const std::string& context,
+                                  const std::shared_ptr<PluginMonitor>& monitor) const;
+
+ private:
+  bool SectionSupports(const char* section) const;
+  ConfigStoreObjectIdList SectionObjects(const char* section, const char* member) const;
+
+  int64_t version = 1;
+  std::string type;
+  std::string module;
+  std::string id;
+  std::string schemaLabel;
+  rapidjson::Document manifest;
+  ConfigStoreObjectIdList csoIds;
+};
+
+// Node name -> the node names it depends on (apply groups and services).
+typedef std::map<std::string, std::vector<std::string>> DependencyGraph;
+
+// Every manifest of one kind of work, indexed by accepted object, with the
+// apply order for the apply kinds. Filled by its constructor, then read-only;
+// built and used on one thread.
+class QCM_EXPORT PluginManager {
+ public:
+  // Loads the plugin directory; throws 3000 (walk failed), the manifest's own
+  // exception (one bad manifest stops the load) or 2083 (apply order).
+  explicit PluginManager(PluginType pluginType);
+  ~PluginManager();
+
+  void Load(PluginType pluginType);
+  void ProcessJson(const char* filename, PluginType pluginType);
+  void BuildDependencies();
+  void ProcessOperation(const PluginApplyOperation& operation, const std::string& group,
+                        DependencyGraph& graph);
+
+  // Plugins accepting component/group/key of `id`, the one added last first.
+  std::vector<std::shared_ptr<Plugin>> Find(const ConfigStoreObjectId& id) const;
+  // "COMPONENT/GROUP/KEY:manifest path", one per extension table entry.
+  std::vector<std::string> List() const;
+  std::vector<std::shared_ptr<Plugin>> GetPlugins() const;
+  // Apply order: group and service names, each after what it depends on.
+  std::vector<std::string> GetDependencies() const { return dependencies; }
+
+ private:
+  std::string directory;
+  std::unordered_map<std::string, std::shared_ptr<Plugin>> plugins;
+  std::unordered_multimap<std::string, std::string> extensionTable;
+  std::vector<std::string> dependencies;
+};
+
+// The request document of one plugin call, written to the request file for
+// the runner and read back on the runner side. Used by one thread.
+class QCM_EXPORT PluginRequest {
+ public:
+  PluginRequest();
+  // EXTRACT.
+  PluginRequest(const std::string& id, const std::string& operation, const std::string& module,
+                int version, const ConfigStoreObjectIdList& csoIds);
+  // VALIDATE.
+  PluginRequest(const std::string& id, const std::string& operation, const std::string& module,
+                int version, const ConfigStoreObjectList& data,
+                const ConfigStoreObjectList& references);
+  // APPLY and IMPACT.
+  PluginRequest(const std::string& id, const std::string& operation, const std::string& module,
+                int version, const DesiredConfigInputList& inputs);
+  PluginRequest(PluginRequest&&) noexcept;
+  PluginRequest& operator=(PluginRequest&&) noexcept;
+  ~PluginRequest();
+
+  void PopulateMetadata(const std::string& id, const std::string& operation,
+                        const std::string& module, int version);
+  void PopulateTaskId(const std::string& taskId);
+  void PopulateClusterContext(const std::string& context);
+  void PopulateCSOIds(const ConfigStoreObjectIdList& csoIds);
+  // Adds the object's identifier members to `entry`; returns the entry name.
+  std::string PopulateCSOId(rapidjson::Value& entry, const ConfigStoreObject& object);
+  void PopulateCSOList(const ConfigStoreObjectList& objects, const char* name);
+
+  // Adds "taskId" and "clusterContext" and writes the document (compact,
+  // mode 0600) to the physical `path`, replacing its content.
+  void Dump(const std::string& path, const std::string& taskId, const std::string& context);
+  // Parses the physical `path`; throws std::runtime_error when it cannot.
+  void Load(const std::string& path);
+
+  int GetVersion() const;
+  std::string GetTaskId() const;
+  std::string GetId() const;
+  std::string GetModule() const;
+  std::string GetType() const;
+  std::string GetClusterContext() const;
+  DesiredConfigInputList GetData() const;
+  ConfigStoreObjectList GetReferences() const;
+  ConfigStoreObjectIdList GetCSOIdsForExtract() const;
+
+  const rapidjson::Document& GetDocument() const { return document; }
+
+ private:
+  void PopulateInputs(const DesiredConfigInputList& inputs);
+  std::string GetString(const char* member, const char* missing) const;
+
+  rapidjson::Document document;
+};
 
 // ---- launcher ---------------------------------------------------------------
 
