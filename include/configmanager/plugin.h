@@ -3,6 +3,7 @@
 // plugin operations.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -248,5 +249,49 @@ class QCM_EXPORT PluginRequest {
 };
 
 // ---- launcher ---------------------------------------------------------------
+//
+// Runs one plugin operation in a runner child process. One launcher per
+// plugin call: construct, Dump `request` to kInputFile, ForkPlugin, read
+// kOutputFile, destroy (the destructor removes both files, also after a
+// failure). Used by one thread; ForkPlugin runs a monitor thread of its own
+// for as long as it waits for the child. The request and result paths are
+// fixed, so only one launcher may run at a time on a host.
+class QCM_EXPORT PluginLauncher {
+ public:
+  // Logical paths of the runners and of the request and result files.
+  static constexpr const char* kPythonRunner = "/usr/lib/corvane/configmanager/bin/py_plugin_runner";
+  static constexpr const char* kCppRunner = "/usr/lib/corvane/configmanager/bin/cpp_plugin_runner";
+  static constexpr const char* kInputFile = "/var/corvane/lifecycle/cm-plugin-input.json";
+  static constexpr const char* kOutputFile = "/var/corvane/lifecycle/cm-plugin-output.json";
+  static constexpr const char* kResourceGroup = "++group=host/ovx/tavhost/configManagerPlugin,stats";
+
+  // APPLY and IMPACT: builds the request from the inputs. Throws
+  // ConfigManagerException 3000 for a "cpp" plugin without module.
+  PluginLauncher(const std::string& id, int version, const std::string& operation,
+                 const DesiredConfigInputList& inputs, const std::string& type, std::string module);
+  // EXTRACT and VALIDATE: the caller built the request.
+  PluginLauncher(PluginRequest request, const std::string& id, int version,
+                 const std::string& operation, const std::string& type, std::string module);
+  ~PluginLauncher();
+  PluginLauncher(const PluginLauncher&) = delete;
+  PluginLauncher& operator=(const PluginLauncher&) = delete;
+
+  // Runs the runner to completion, terminating it (signal 15) when the
+  // monitor reports an abort. Returns on a clean exit; throws
+  // ConfigManagerException 3000 otherwise.
+  void ForkPlugin(const std::shared_ptr<PluginMonitor>& monitor);
+
+  PluginRequest request;
+  rapidjson::Document output;  // an empty object; nothing reads it
+
+ private:
+  void CheckAndLog(int version, const std::string& module) const;
+
+  std::string id;
+  std::string operation;
+  std::string type;
+  std::chrono::steady_clock::time_point start;
+};
+
 
 }  // namespace QenConfigManager
