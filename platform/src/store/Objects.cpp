@@ -1,0 +1,153 @@
+// Object identifiers, configuration and drift objects, and their factories.
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <tuple>
+
+#include "QenConfigStore.h"
+#include "QenSchemaStore.h"
+#include "StoreDb.h"
+
+namespace QenConfigStore {
+
+using detail::Fail;
+using detail::Serialize;
+
+std::string ConfigStoreObjectId::toString() const {
+  std::string text = "comp " + component_ + " grp " + group_ + " key " + key_;
+  if (!instance_.empty()) text += " id " + instance_;
+  return text;
+}
+
+bool ConfigStoreObjectId::operator<(const ConfigStoreObjectId& o) const {
+  return std::tie(component_, group_, key_, instance_) <
+         std::tie(o.component_, o.group_, o.key_, o.instance_);
+}
+
+size_t CsoIdHash::operator()(const ConfigStoreObjectId& id) const {
+  std::hash<std::string> h;
+  size_t seed = h(id.GetComponent());
+  for (const std::string* part : {&id.GetGroup(), &id.GetKey(), &id.GetInstanceId()})
+    seed ^= h(*part) + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
+  return seed;
+}
+
+StoreObject::StoreObject(ConfigStoreObjectId id)
+    : id_(std::move(id)), doc_(std::make_shared<JsonDoc>()) {
+  doc_->GetDocument().SetObject();
+}
+
+StoreObject::StoreObject(ConfigStoreObjectId id, const rapidjson::Value& value)
+    : id_(std::move(id)), doc_(std::make_shared<JsonDoc>()) {
+  doc_->GetDocument().CopyFrom(value, doc_->GetAllocator());
+}
+
+StoreObject::~StoreObject() = default;
+
+bool StoreObject::GetValue(const std::string& name, std::string& out) const {
+  const rapidjson::Value& value = GetJson();
+  if (!value.IsObject()) return false;
+  auto it = value.FindMember(name);
+  if (it == value.MemberEnd()) return false;
+  out = it->value.IsString() ? std::string(it->value.GetString(), it->value.GetStringLength())
+                             : Serialize(it->value);
+  return true;
+}
+
+void StoreObject::SetValue(const std::string& name, const std::string& text) {
+  rapidjson::Document& doc = doc_->GetDocument();
+  if (!doc.IsObject()) doc.SetObject();
+  rapidjson::Value v(text, doc.GetAllocator());
+  auto it = doc.FindMember(name);
+  if (it != doc.MemberEnd()) {
+    it->value = v;
+  } else {
+    doc.AddMember(rapidjson::Value(name, doc.GetAllocator()), v, doc.GetAllocator());
+  }
+}
+
+std::string ConfigStoreObjectImpl::GetSerializedData() const { return Serialize(GetJson()); }
+
+DriftObject::DriftObject(ConfigStoreObjectId id, std::string operation,
+                         const rapidjson::Value& drift)
+    : id_(std::move(id)), operation_(std::move(operation)) {
+  doc_.GetDocument().CopyFrom(drift, doc_.GetAllocator());
+}
+
+std::string DriftObject::GetSerializedDrift() const { return Serialize(doc_.GetDocument()); }
+
+namespace {
+
+void ParseInto(rapidjson::Document& doc, const std::string& text, const std::string& what) {
+  doc.Parse(text.c_str(), text.size());
+  if (doc.HasParseError())
+    Fail(STORE_BAD_VALUE, what + " is not valid JSON: " +
+                              rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
+                              std::to_string(doc.GetErrorOffset()));
+}
+
+}  // namespace
+
+std::shared_ptr<ConfigStoreObject> CreateObject(const ConfigStoreObjectId& id,
+                                                const std::string& text, uint64_t ordinal) {
+  rapidjson::Document doc;
+  ParseInto(doc, text, "The value of " + id.toString());
+  auto object = std::make_shared<ConfigStoreObject>(id, doc);
+  object->SetOrdinal(ordinal);
+  return object;
+}
+
+std::shared_ptr<ConfigStoreObject> CreateObject(
+    const ConfigStoreObjectId& id, const rapidjson::Value& value,
+    const std::shared_ptr<QenSchemaStore::SchemaObject>& schema, uint64_t index, bool isInstance) {
+  auto object = std::make_shared<ConfigStoreObject>(id, value);
+  object->SetOrdinal(index);
+  if (isInstance && schema && schema->IsNonSingleton() && id.GetInstanceId().empty() &&
+      value.IsObject()) {
+    auto it = value.FindMember(schema->GetInstanceIdField());
+    if (it != value.MemberEnd() && it->value.IsString()) {
+      ConfigStoreObjectId withInstance = id;
+      withInstance.SetInstanceId(it->value.GetString());
+      object->SetConfigStoreObjectId(withInstance);
+    }
+  }
+  return object;
+}
+
+std::shared_ptr<DriftObject> CreateDriftObject(const ConfigStoreObjectId& id,
+                                               const std::string& driftText,
+                                               const std::string& operation) {
+  rapidjson::Document doc;
+  ParseInto(doc, driftText, "The drift of " + id.toString());
+  return std::make_shared<DriftObject>(id, operation, doc);
+}
+
+std::string GenerateInstanceId() {
+  static thread_local std::mt19937_64 engine{std::random_device{}()};
+  uint64_t hi = engine(), lo = engine();
+  hi = (hi & 0xffffffffffff0fffULL) | 0x0000000000004000ULL;  // version 4
+  lo = (lo & 0x3fffffffffffffffULL) | 0x8000000000000000ULL;  // RFC 4122 variant
+  char text[37];
+  std::snprintf(text, sizeof text, "%08x-%04x-%04x-%04x-%012llx",
+                static_cast<unsigned>(hi >> 32), static_cast<unsigned>((hi >> 16) & 0xffff),
+                static_cast<unsigned>(hi & 0xffff), static_cast<unsigned>(lo >> 48),
+                static_cast<unsigned long long>(lo & 0xffffffffffffULL));
+  return text;
+}
+
+std::shared_ptr<JsonDoc> CreateDocumentFromFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) Fail(STORE_READ_FAILED, "Cannot read JSON file \"" + path + "\"");
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  auto doc = std::make_shared<JsonDoc>();
+  std::string text = ss.str();
+  doc->GetDocument().Parse(text.c_str(), text.size());
+  if (doc->GetDocument().HasParseError())
+    Fail(STORE_READ_FAILED, "JSON file \"" + path + "\" is not valid JSON: " +
+                                rapidjson::GetParseError_En(doc->GetDocument().GetParseError()) +
+                                " at offset " + std::to_string(doc->GetDocument().GetErrorOffset()));
+  return doc;
+}
+
+}  // namespace QenConfigStore
