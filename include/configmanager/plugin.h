@@ -191,7 +191,10 @@ class QCM_EXPORT PluginManager {
  private:
   std::string directory;
   std::unordered_map<std::string, std::shared_ptr<Plugin>> plugins;
-  std::unordered_multimap<std::string, std::string> extensionTable;
+  // Object path ("COMPONENT/GROUP/KEY") -> manifest paths, the one added last
+  // first. A map of lists rather than a multimap: a multimap's order among
+  // equal keys is the library's, and Find's order is part of the contract.
+  std::unordered_map<std::string, std::vector<std::string>> extensionTable;
   std::vector<std::string> dependencies;
 };
 
