@@ -1,0 +1,445 @@
+// The drift walk: key-by-key comparison of a desired document with a host
+// document under the keys' schemas. ComputeDrift (ComputeDrift.cpp) supplies
+// the host document; this file never extracts anything.
+#include "drift/DriftEngine.h"
+
+#include <string_view>
+#include <unordered_map>
+
+#include "CSLogger.h"
+#include "ConfigStoreDocument.h"
+#include "QenConfigStore.h"
+
+namespace QenConfigManager {
+
+const char* const kActionNames[3] = {"SET", "ADD", "DELETE"};
+// A default-constructed value is null, and all-zero before its constructor
+// runs, so it is usable during other units' static initialisation.
+const rapidjson::Value kEmptyVal;
+
+DriftHandler::DriftHandler() = default;
+DriftHandler::~DriftHandler() = default;
+void DriftHandler::Add(const rapidjson::Value&, const ConfigStoreObjectId&,
+                       const std::shared_ptr<SchemaObject>&, const std::string&) {}
+void DriftHandler::Set(const rapidjson::Value&, const rapidjson::Value&, const ConfigStoreObjectId&,
+                       const std::shared_ptr<SchemaObject>&, const std::string&,
+                       const rapidjson::Value&) {}
+void DriftHandler::Delete(const rapidjson::Value&, const ConfigStoreObjectId&,
+                          const std::shared_ptr<SchemaObject>&, const std::string&) {}
+void DriftHandler::PropertyDrift(const rapidjson::Value&, const rapidjson::Value&,
+                                 const rapidjson::Value&, const std::string&, ACTION) {}
+
+void computeComponents(rapidjson::Value& first, const rapidjson::Value& second,
+                       rapidjson::Document::AllocatorType& allocator,
+                       const std::shared_ptr<QenSchemaStore::SchemaStore>& schemaStore,
+                       DriftHandler& handler,
+                       const std::shared_ptr<DBStore::StoreConnection>& connection, bool reverse) {
+  drift::WalkContext ctx(allocator, handler, connection, drift::IndexedMatchers());
+  drift::walkComponents(ctx, first, second, schemaStore, reverse);
+}
+
+namespace drift {
+namespace {
+
+constexpr const char* kGeneratedId = "cs_generated_id";
+constexpr size_t kGeneratedIdLength = 15;
+constexpr const char* kOpAdd = "ADD";
+constexpr const char* kOpSet = "SET";
+constexpr const char* kOpDelete = "DELETE";
+
+// Nesting of compareValue below a key beyond which the walk refuses the
+// value, so that a hostile document cannot exhaust the stack. The document
+// library refuses the same depth.
+constexpr int kMaxCompareDepth = ConfigStoreDocument::kMaxDepth;
+
+rapidjson::Value Text(const char* op) { return rapidjson::Value(rapidjson::StringRef(op)); }
+
+// Member lookup by name that stays linear for wide objects: objects with few
+// members are searched in place, wide ones through a hash index built once.
+// Like FindMember, the first of duplicate names wins.
+class MemberLookup {
+ public:
+  explicit MemberLookup(const rapidjson::Value& object) : object_(object) {
+    if (object.MemberCount() < kIndexThreshold) return;
+    index_.reserve(object.MemberCount());
+    for (auto it = object.MemberBegin(); it != object.MemberEnd(); ++it)
+      index_.emplace(std::string_view(it->name.GetString(), it->name.GetStringLength()), &it->value);
+  }
+  const rapidjson::Value* Find(const rapidjson::Value& name) const {
+    if (index_.empty()) {
+      auto it = object_.FindMember(name);
+      return it == object_.MemberEnd() ? nullptr : &it->value;
+    }
+    auto it = index_.find(std::string_view(name.GetString(), name.GetStringLength()));
+    return it == index_.end() ? nullptr : it->second;
+  }
+
+ private:
+  static constexpr size_t kIndexThreshold = 16;
+  const rapidjson::Value& object_;
+  std::unordered_map<std::string_view, const rapidjson::Value*> index_;
+};
+
+// Tracks compareValue's nesting for the depth limit.
+class DepthGuard {
+ public:
+  explicit DepthGuard(int& depth) : depth_(depth) {
+    if (depth_ >= kMaxCompareDepth)
+      QenPlatform::ThrowJsonError(__FILE__, __LINE__, "depth < kMaxCompareDepth");
+    ++depth_;
+  }
+  ~DepthGuard() { --depth_; }
+
+ private:
+  int& depth_;
+};
+
+std::string GetStringMember(const rapidjson::Value& object, const std::string& name) {
+  const rapidjson::Value& member = object[name];
+  return std::string(member.GetString(), member.GetStringLength());
+}
+
+bool CompareByValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
+                    const rapidjson::Value& items, rapidjson::Value& driftDoc) {
+  DriftHandler& handler = ctx.handler;
+  bool drift = false;
+  auto matcher = ctx.matchers.byValue(host, items);
+  const rapidjson::SizeType n = desired.Size();
+  for (rapidjson::SizeType i = 0; i < n; ++i) {
+    rapidjson::Value& element = desired[i];
+    if (matcher->Take(element) >= 0) continue;
+    drift = true;
+    PathScope scope(ctx.path, i);
+    if (handler.createDriftObject) {
+      if (element.IsObject() && !element.HasMember(kGeneratedId)) {
+        // Written into the caller's desired document: the drift document
+        // must name the instance that apply will create.
+        rapidjson::Value generated(QenConfigStore::GenerateInstanceId(), ctx.allocator);
+        element.AddMember(rapidjson::StringRef(kGeneratedId), generated, ctx.allocator);
+      }
+      appendInstanceDrift(element[kGeneratedId], kOpAdd, driftDoc, ctx.allocator);
+    }
+    handler.PropertyDrift(element, kEmptyVal, items, ctx.path, ADD);
+  }
+  size_t k = n;
+  for (size_t j : matcher->Remaining()) {
+    drift = true;
+    PathScope scope(ctx.path, k++);
+    const rapidjson::Value& element = host[static_cast<rapidjson::SizeType>(j)];
+    if (handler.createDriftObject)
+      appendInstanceDrift(element[kGeneratedId], kOpDelete, driftDoc, ctx.allocator);
+    handler.PropertyDrift(kEmptyVal, element, items, ctx.path, DELETE);
+  }
+  return drift;
+}
+
+}  // namespace
+
+bool IsGeneratedIdName(const rapidjson::Value& name) {
+  return name.GetStringLength() == kGeneratedIdLength &&
+         std::char_traits<char>::compare(name.GetString(), kGeneratedId, kGeneratedIdLength) == 0;
+}
+
+bool IsEmptyValue(const rapidjson::Value& value) {
+  if (value.IsNull()) return true;
+  if (value.IsObject()) return value.MemberCount() == 0;
+  if (value.IsArray()) return value.Empty();
+  return false;
+}
+
+void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::Value& second,
+                    const std::shared_ptr<QenSchemaStore::SchemaStore>& schemaStore, bool reverse) {
+  if (first.MemberCount() == 0) return;
+  // The other side is looked up lazily, once per component and group, and
+  // only where `first` has keys: its shape is checked where it is used.
+  std::unique_ptr<MemberLookup> secondComponents;
+  for (auto c = first.MemberBegin(); c != first.MemberEnd(); ++c) {
+    const std::string cName(c->name.GetString(), c->name.GetStringLength());
+    std::unique_ptr<MemberLookup> secondGroups;
+    bool componentLooked = false;
+    for (auto g = c->value.MemberBegin(); g != c->value.MemberEnd(); ++g) {
+      const std::string gName(g->name.GetString(), g->name.GetStringLength());
+      std::unique_ptr<MemberLookup> secondKeys;
+      bool groupLooked = false;
+      for (auto k = g->value.MemberBegin(); k != g->value.MemberEnd(); ++k) {
+        const std::string kName(k->name.GetString(), k->name.GetStringLength());
+        ctx.path.clear();
+        PathScope inComponent(ctx.path, cName.data(), cName.size());
+        PathScope inGroup(ctx.path, gName.data(), gName.size());
+        PathScope inKey(ctx.path, kName.data(), kName.size());
+
+        std::shared_ptr<SchemaObject> schema =
+            QenSchemaStore::GetSchema(cName, gName, kName, schemaStore);
+        if (!schema) {
+          CSLogger::Log(0, "Schema not found for %s:%s:%s", cName.c_str(), gName.c_str(),
+                        kName.c_str());
+          ThrowException<ConfigManagerException>(SCHEMA_NOT_FOUND, ctx.path);
+        }
+        ConfigStoreObjectId id(kName, gName, cName);
+
+        if (!componentLooked) {
+          componentLooked = true;
+          if (!secondComponents) secondComponents.reset(new MemberLookup(second));
+          if (const rapidjson::Value* sc = secondComponents->Find(c->name)) {
+            (void)sc->GetObject();
+            secondGroups.reset(new MemberLookup(*sc));
+          }
+        }
+        if (!groupLooked) {
+          groupLooked = true;
+          const rapidjson::Value* sg = secondGroups ? secondGroups->Find(g->name) : nullptr;
+          if (sg) {
+            (void)sg->GetObject();
+            secondKeys.reset(new MemberLookup(*sg));
+          }
+        }
+        const rapidjson::Value* other = secondKeys ? secondKeys->Find(k->name) : nullptr;
+        // Keys on both sides were compared by the forward pass.
+        if (other && reverse) continue;
+
+        rapidjson::Value absent;
+        rapidjson::Value& desired = reverse ? absent : k->value;
+        const rapidjson::Value& host = reverse ? k->value : (other ? *other : kEmptyVal);
+        if (schema->IsNonSingleton()) {
+          compareInstances(ctx, desired, host, id, schema);
+        } else {
+          rapidjson::Value driftDoc(rapidjson::kObjectType);
+          compareSingleton(ctx, desired, host, id, schema, driftDoc);
+        }
+      }
+    }
+  }
+}
+
+void compareSingleton(WalkContext& ctx, const rapidjson::Value& desired, const rapidjson::Value& host,
+                      const ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema,
+                      rapidjson::Value& driftDoc) {
+  DriftHandler& handler = ctx.handler;
+  const bool desiredEmpty = IsEmptyValue(desired);
+  const bool hostEmpty = IsEmptyValue(host);
+  if (desiredEmpty && hostEmpty) return;
+  if (desiredEmpty) {
+    if (!handler.propertyLevelDrift) {
+      handler.Delete(host, id, schema, ctx.path);
+      return;
+    }
+    if (reportRemovedProperties(ctx, desired, host, schema->GetSchemaJson(), driftDoc) &&
+        handler.consolidatedAction)
+      handler.Set(desired, host, id, schema, ctx.path, driftDoc);
+    return;
+  }
+  if (hostEmpty && !handler.propertyLevelDrift) {
+    handler.Set(desired, host, id, schema, ctx.path, driftDoc);
+    return;
+  }
+  // compareValue may add generated identifiers to desired array elements;
+  // the desired side of a singleton belongs to the caller's document.
+  rapidjson::Value& mutableDesired = const_cast<rapidjson::Value&>(desired);
+  if (compareValue(ctx, mutableDesired, host, schema->GetSchemaJson(), driftDoc) &&
+      handler.consolidatedAction)
+    handler.Set(desired, host, id, schema, ctx.path, driftDoc);
+}
+
+void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
+                      ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema) {
+  DriftHandler& handler = ctx.handler;
+  const std::string& idField = schema->GetInstanceIdField();
+  const rapidjson::Value& schemaJson = schema->GetSchemaJson();
+  const bool generated = idField == kGeneratedId;
+  std::unique_ptr<InstanceMatcher> matcher =
+      generated ? ctx.matchers.byValue(host, schemaJson) : ctx.matchers.byIdentifier(host, idField);
+
+  rapidjson::SizeType n = 0;
+  if (!IsEmptyValue(desired)) {
+    n = desired.Size();
+    for (rapidjson::SizeType i = 0; i < n; ++i) {
+      rapidjson::Value& element = desired[i];
+      PathScope scope(ctx.path, i);
+      if (generated) {
+        if (matcher->Take(element) >= 0) continue;
+        assignGeneratedInstanceId(element, id);
+        handler.Add(element, id, schema, ctx.path);
+        continue;
+      }
+      id.SetInstanceId(GetStringMember(element, idField));
+      const long j = matcher->Take(element);
+      // A fresh drift document per instance: nothing of an earlier instance
+      // leaks into this one's events.
+      rapidjson::Value driftDoc(rapidjson::kObjectType);
+      if (j >= 0) {
+        const rapidjson::Value& partner = host[static_cast<rapidjson::SizeType>(j)];
+        if (compareValue(ctx, element, partner, schemaJson, driftDoc) && handler.consolidatedAction)
+          handler.Set(element, partner, id, schema, ctx.path, driftDoc);
+      } else if (handler.checkDefaultUserConfig) {
+        if (id.GetInstanceId().empty())
+          throw ConfigManagerException(UNEXPECTED_ERROR,
+                                       "InstanceId is not set for non-singleton configuration");
+        ConfigMapVector defaults = QenConfigStore::GetDefaultUserConfigMapList(id, ctx.connection);
+        if (defaults.size() == 1)
+          handler.Set(element, kEmptyVal, id, schema, ctx.path, driftDoc);
+        else
+          handler.Add(element, id, schema, ctx.path);
+      } else {
+        handler.Add(element, id, schema, ctx.path);
+      }
+    }
+  }
+  size_t k = n;
+  for (size_t j : matcher->Remaining()) {
+    const rapidjson::Value& element = host[static_cast<rapidjson::SizeType>(j)];
+    if (generated)
+      assignGeneratedInstanceId(element, id);
+    else
+      id.SetInstanceId(GetStringMember(element, idField));
+    PathScope scope(ctx.path, k++);
+    handler.Delete(element, id, schema, ctx.path);
+  }
+}
+
+bool compareValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
+                  const rapidjson::Value& schemaNode, rapidjson::Value& driftDoc) {
+  if (desired == host) return false;
+  DepthGuard depth(ctx.depth);
+  DriftHandler& handler = ctx.handler;
+
+  if (desired.IsObject()) {
+    driftDoc.SetObject();
+    bool drift = false;
+    const bool hostIsObject = host.IsObject();
+    std::unique_ptr<MemberLookup> hostMembers;
+    if (hostIsObject) hostMembers.reset(new MemberLookup(host));
+    for (auto m = desired.MemberBegin(); m != desired.MemberEnd(); ++m) {
+      const rapidjson::Value* hostValue = hostIsObject ? hostMembers->Find(m->name) : nullptr;
+      if (hostValue && IsGeneratedIdName(m->name)) continue;
+      const rapidjson::Value& propSchema = schemaNode["properties"][m->name];
+      PathScope scope(ctx.path, m->name.GetString(), m->name.GetStringLength());
+      if (hostValue) {
+        rapidjson::Value sub;
+        if (!compareValue(ctx, m->value, *hostValue, propSchema, sub)) continue;
+        drift = true;
+        if (handler.createDriftObject) {
+          rapidjson::Value name(m->name, ctx.allocator);
+          rapidjson::Value entry = IsEmptyValue(sub) ? Text(kOpSet) : std::move(sub);
+          driftDoc.AddMember(name, entry, ctx.allocator);
+        }
+      } else {
+        drift = true;
+        if (handler.createDriftObject) {
+          rapidjson::Value name(m->name, ctx.allocator);
+          driftDoc.AddMember(name, Text(kOpAdd), ctx.allocator);
+        }
+        handler.PropertyDrift(m->value, kEmptyVal, propSchema, ctx.path, ADD);
+      }
+    }
+    return reportRemovedProperties(ctx, desired, host, schemaNode, driftDoc) || drift;
+  }
+
+  if (desired.IsArray()) {
+    const rapidjson::Value& items = schemaNode["items"];
+    const rapidjson::Value& itemType = items["type"];
+    if (std::string_view(itemType.GetString(), itemType.GetStringLength()) != "object") {
+      if (ConfigStoreDocument::IsEqualPrimitiveArray(desired, host)) return false;
+      handler.PropertyDrift(desired, host, schemaNode, ctx.path, SET);
+      return true;
+    }
+    driftDoc.SetArray();
+    const rapidjson::Value& idMember = schemaNode["instanceId"];
+    const std::string idField(idMember.GetString(), idMember.GetStringLength());
+    if (idField == kGeneratedId) return CompareByValue(ctx, desired, host, items, driftDoc);
+    return compareInstanceArray(ctx, desired, host, schemaNode, idField, driftDoc);
+  }
+
+  if (host.IsNull())
+    handler.PropertyDrift(desired, host, schemaNode, ctx.path, ADD);
+  else if (desired.IsNull())
+    handler.PropertyDrift(desired, host, schemaNode, ctx.path, DELETE);
+  else
+    handler.PropertyDrift(desired, host, schemaNode, ctx.path, SET);
+  return true;
+}
+
+bool compareInstanceArray(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
+                          const rapidjson::Value& schemaNode, const std::string& idField,
+                          rapidjson::Value& driftDoc) {
+  DriftHandler& handler = ctx.handler;
+  const rapidjson::Value& items = schemaNode["items"];
+  auto matcher = ctx.matchers.byIdentifier(host, idField);
+  bool drift = false;
+
+  auto appendEntry = [&](const rapidjson::Value& instanceId, const char* op, rapidjson::Value* sub) {
+    appendInstanceDrift(instanceId, op, driftDoc, ctx.allocator);
+    if (sub && !IsEmptyValue(*sub))
+      driftDoc[driftDoc.Size() - 1].AddMember(rapidjson::StringRef("DRIFTOBJ"), *sub, ctx.allocator);
+  };
+
+  const rapidjson::SizeType n = desired.Size();
+  for (rapidjson::SizeType i = 0; i < n; ++i) {
+    rapidjson::Value& element = desired[i];
+    const rapidjson::Value& instanceId = element[idField];
+    (void)instanceId.GetString();
+    PathScope scope(ctx.path, i);
+    const long j = matcher->Take(element);
+    if (j >= 0) {
+      rapidjson::Value sub;
+      if (!compareValue(ctx, element, host[static_cast<rapidjson::SizeType>(j)], items, sub)) continue;
+      drift = true;
+      if (handler.createDriftObject) appendEntry(instanceId, kOpSet, &sub);
+    } else {
+      drift = true;
+      if (handler.createDriftObject) appendEntry(instanceId, kOpAdd, nullptr);
+      handler.PropertyDrift(element, kEmptyVal, items, ctx.path, ADD);
+    }
+  }
+  size_t k = n;
+  for (size_t j : matcher->Remaining()) {
+    drift = true;
+    const rapidjson::Value& element = host[static_cast<rapidjson::SizeType>(j)];
+    PathScope scope(ctx.path, k++);
+    if (handler.createDriftObject) appendEntry(element[idField], kOpDelete, nullptr);
+    handler.PropertyDrift(kEmptyVal, element, items, ctx.path, DELETE);
+  }
+  return drift;
+}
+
+bool reportRemovedProperties(WalkContext& ctx, const rapidjson::Value& desired,
+                             const rapidjson::Value& host, const rapidjson::Value& schemaNode,
+                             rapidjson::Value& driftDoc) {
+  if (!host.IsObject()) return false;
+  bool reported = false;
+  std::unique_ptr<MemberLookup> desiredMembers;
+  if (desired.IsObject()) desiredMembers.reset(new MemberLookup(desired));
+  for (auto m = host.MemberBegin(); m != host.MemberEnd(); ++m) {
+    if (IsGeneratedIdName(m->name)) continue;
+    if (desiredMembers && desiredMembers->Find(m->name)) continue;
+    PathScope scope(ctx.path, m->name.GetString(), m->name.GetStringLength());
+    if (ctx.handler.createDriftObject) {
+      rapidjson::Value name(m->name, ctx.allocator);
+      driftDoc.AddMember(name, Text(kOpDelete), ctx.allocator);
+    }
+    ctx.handler.PropertyDrift(kEmptyVal, m->value, schemaNode["properties"][m->name], ctx.path,
+                              DELETE);
+    reported = true;
+  }
+  return reported;
+}
+
+void assignGeneratedInstanceId(const rapidjson::Value& value, ConfigStoreObjectId& id) {
+  auto member = value.FindMember(kGeneratedId);
+  if (member != value.MemberEnd())
+    id.SetInstanceId(std::string(member->value.GetString(), member->value.GetStringLength()));
+  else
+    id.SetInstanceId(QenConfigStore::GenerateInstanceId());
+}
+
+void appendInstanceDrift(const rapidjson::Value& instanceId, const char* op,
+                         rapidjson::Value& driftDoc, rapidjson::Document::AllocatorType& allocator) {
+  rapidjson::Value entry(rapidjson::kObjectType);
+  entry.AddMember(rapidjson::StringRef("INSTANCEID"),
+                  rapidjson::Value(instanceId.GetString(), instanceId.GetStringLength(), allocator),
+                  allocator);
+  entry.AddMember(rapidjson::StringRef("DRIFTOP"), rapidjson::Value(op, allocator), allocator);
+  driftDoc.PushBack(entry, allocator);
+}
+
+}  // namespace drift
+}  // namespace QenConfigManager

@@ -1,0 +1,115 @@
+// Internals of the drift walk, shared by the engine's sources and its tests.
+//
+// The walk keeps one path buffer for the whole call: each level appends its
+// segment and truncates it again on the way out, so events see the path of
+// their own level and deep documents cost O(depth) memory, not O(depth^2).
+// Nothing here is thread-safe; one WalkContext belongs to one walk.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "configmanager/drift.h"
+
+namespace QenConfigManager {
+namespace drift {
+
+// Pairs desired instances with host instances of one array. Each Take returns
+// the highest remaining host index whose element pairs with `desired` and
+// removes it, or -1 when none does.
+class InstanceMatcher {
+ public:
+  virtual ~InstanceMatcher() = default;
+  virtual long Take(const rapidjson::Value& desired) = 0;
+  // The host indices never taken, highest first.
+  virtual std::vector<size_t> Remaining() = 0;
+};
+
+// How instances pair: by the string member `idField`, or by
+// ConfigStoreDocument::IsEqualValue under `schemaNode` (generated ids).
+// `host` may be any value; a non-array has no instances.
+struct MatcherFactory {
+  std::unique_ptr<InstanceMatcher> (*byIdentifier)(const rapidjson::Value& host,
+                                                   const std::string& idField);
+  std::unique_ptr<InstanceMatcher> (*byValue)(const rapidjson::Value& host,
+                                              const rapidjson::Value& schemaNode);
+};
+
+// Hash-indexed matchers: linear in the number of instances, pairing exactly
+// as a search of the remaining host indices from the highest down would.
+const MatcherFactory& IndexedMatchers();
+
+// A hash of an instance value that is equal for any two values that
+// ConfigStoreDocument::IsEqualValue finds equal (see README.md).
+uint64_t InstanceValueHash(const rapidjson::Value& value);
+
+struct WalkContext {
+  WalkContext(rapidjson::Document::AllocatorType& a, DriftHandler& h,
+              std::shared_ptr<DBStore::StoreConnection> c, const MatcherFactory& m)
+      : allocator(a), handler(h), connection(std::move(c)), matchers(m) {}
+
+  rapidjson::Document::AllocatorType& allocator;
+  DriftHandler& handler;
+  std::shared_ptr<DBStore::StoreConnection> connection;
+  const MatcherFactory& matchers;
+  // Path of the node being compared.
+  std::string path;
+  // Nesting of compareValue, limited so a hostile document cannot exhaust
+  // the stack.
+  int depth = 0;
+};
+
+// Appends "/<segment>" to the walk's path for the scope's lifetime.
+class PathScope {
+ public:
+  PathScope(std::string& path, const char* segment, size_t length) : path_(path), size_(path.size()) {
+    path_.push_back('/');
+    path_.append(segment, length);
+  }
+  PathScope(std::string& path, size_t number) : path_(path), size_(path.size()) {
+    path_.push_back('/');
+    path_ += std::to_string(number);
+  }
+  ~PathScope() { path_.resize(size_); }
+  PathScope(const PathScope&) = delete;
+  PathScope& operator=(const PathScope&) = delete;
+
+ private:
+  std::string& path_;
+  size_t size_;
+};
+
+// Whether a member name is "cs_generated_id", which is never compared.
+bool IsGeneratedIdName(const rapidjson::Value& name);
+
+// null, {} and [] are empty; strings, numbers and booleans never are.
+bool IsEmptyValue(const rapidjson::Value& value);
+
+// computeComponents with a chosen matcher (tests compare against a literal
+// search).
+void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::Value& second,
+                    const std::shared_ptr<QenSchemaStore::SchemaStore>& schemaStore, bool reverse);
+
+void compareSingleton(WalkContext& ctx, const rapidjson::Value& desired, const rapidjson::Value& host,
+                      const ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema,
+                      rapidjson::Value& driftDoc);
+void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
+                      ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema);
+// Whether `desired` and `host` differ under `schemaNode`; reports property
+// events and fills driftDoc (when the handler asks for drift documents).
+bool compareValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
+                  const rapidjson::Value& schemaNode, rapidjson::Value& driftDoc);
+bool compareInstanceArray(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
+                          const rapidjson::Value& schemaNode, const std::string& idField,
+                          rapidjson::Value& driftDoc);
+bool reportRemovedProperties(WalkContext& ctx, const rapidjson::Value& desired,
+                             const rapidjson::Value& host, const rapidjson::Value& schemaNode,
+                             rapidjson::Value& driftDoc);
+void assignGeneratedInstanceId(const rapidjson::Value& value, ConfigStoreObjectId& id);
+void appendInstanceDrift(const rapidjson::Value& instanceId, const char* op,
+                         rapidjson::Value& driftDoc, rapidjson::Document::AllocatorType& allocator);
+
+}  // namespace drift
+}  // namespace QenConfigManager
