@@ -1,14 +1,28 @@
 // Schema store client: one key schema file per configuration key below the
-// host's schema directory, loaded once per process and cached.
+// host's schema directory ("/usr/lib/corvane/configstore/schemas/", logical,
+// any depth), loaded once per process and host root and cached. The file
+// format is documented in the README beside the sample schemas
+// (host/root/usr/lib/corvane/configstore/schemas/README.md).
+//
+// Everything handed out is immutable after loading and safe to share across
+// threads; GetStore()/GetCache()/Invalidate() are thread-safe.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "QenJson.h"
 
 namespace QenSchemaStore {
+
+// Logical directory of the key schema files.
+constexpr const char* kSchemaDir = "/usr/lib/corvane/configstore/schemas/";
+// Error code of a malformed or conflicting schema file (ConfigStoreException).
+constexpr int kSchemaStoreErrorCode = 2180;
+// Instance identifier field of keys whose instances have no natural name.
+constexpr const char* kGeneratedInstanceId = "cs_generated_id";
 
 // Identity of a key schema: component, group, key.
 struct SchemaObjectId {
@@ -22,12 +36,17 @@ struct SchemaObjectId {
   bool operator==(const SchemaObjectId& o) const {
     return component == o.component && group == o.group && key == o.key;
   }
+  bool operator!=(const SchemaObjectId& o) const { return !(*this == o); }
   bool operator<(const SchemaObjectId& o) const;
+  // "comp C grp G key K", the same text a store object id without instance gives.
+  std::string toString() const;
 };
 
 struct SchemaObjectIdHash {
   size_t operator()(const SchemaObjectId& id) const;
 };
+
+typedef std::unordered_set<SchemaObjectId, SchemaObjectIdHash> SchemaObjectIdSet;
 
 // One key's schema. Immutable after loading; safe to share across threads.
 class SchemaObject {
@@ -36,6 +55,9 @@ class SchemaObject {
   virtual const SchemaObjectId& GetId() const = 0;
   // Whether the key holds an array of instances rather than one object.
   virtual bool IsNonSingleton() const = 0;
+  // The multiple-instance query of the impact computation; same answer as
+  // IsNonSingleton().
+  bool IsMultipleInstance() const { return IsNonSingleton(); }
   // Member naming an instance ("cs_generated_id" when instances have no
   // natural identifier); empty for a singleton key.
   virtual const std::string& GetInstanceIdField() const = 0;
@@ -45,15 +67,105 @@ class SchemaObject {
   virtual std::vector<std::string> GetSolutionUserInstances() const = 0;
   // The key's user-configuration text; empty when it is not user configuration.
   virtual std::string GetUserConfigText() const = 0;
+
+  // Text naming the key to users ("<component>.<group>.<key>" when the file
+  // declares none).
+  virtual const std::string& GetLabel() const = 0;
+  virtual bool IsTelemetryDisabled() const = 0;
+  virtual bool IsDspIntegrated() const = 0;
+  // Whether the key's default configuration is mutable on the host
+  // (smartnic false) or on the SmartNIC (smartnic true).
+  virtual bool IsMutableDefault(bool smartnic) const = 0;
+  // Logical path of the file the schema came from.
+  virtual const std::string& GetSourceFile() const = 0;
+
+  // Operations ("SET", "ADD", "DELETE") whose application needs a reboot,
+  // and whether a SET decides it per property value ("rebootRequired"
+  // annotations of the properties). Returns 0.
+  virtual int GetRebootOperations(std::vector<std::string>& operations, bool& perProperty) const = 0;
+  // The same for maintenance mode.
+  virtual int GetMaintenanceModeOperations(std::vector<std::string>& operations,
+                                           bool& perProperty) const = 0;
 };
 
-class SchemaStore;
+// The loaded key schemas of one host root.
+class SchemaCache {
+ public:
+  explicit SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas);
 
-// The schema of component/group/key, or null when the key has no schema.
+  // The key's schema, or null when it has none.
+  std::shared_ptr<SchemaObject> GetSchema(const std::string& component, const std::string& group,
+                                          const std::string& key) const;
+  std::shared_ptr<SchemaObject> GetSchema(const SchemaObjectId& id) const;
+  // Every schema, ordered by id.
+  const std::vector<std::shared_ptr<SchemaObject>>& GetSchemas() const { return schemas_; }
+
+ private:
+  std::vector<std::shared_ptr<SchemaObject>> schemas_;  // sorted by id
+};
+
+class SchemaStore {
+ public:
+  explicit SchemaStore(std::shared_ptr<SchemaCache> cache) : cache_(std::move(cache)) {}
+
+  // The store of the current host root, loading it on first use. Null when
+  // the schema directory does not exist. A malformed or duplicate schema file
+  // throws QenConfigStore::ConfigStoreException (code 2180) naming the file;
+  // nothing is cached then, so the next call reads the files again.
+  static std::shared_ptr<SchemaStore> GetStore();
+  // The cache of GetStore() (null when the store is null).
+  static std::shared_ptr<SchemaCache> GetCache();
+  // Drops the cached schemas; the next GetStore() reads the files again.
+  static void Invalidate();
+  // Reads every schema file now, bypassing the cache (same failures as GetStore).
+  static std::shared_ptr<SchemaStore> Load(const std::string& logicalDir);
+
+  const std::shared_ptr<SchemaCache>& GetSchemaCache() const { return cache_; }
+  std::shared_ptr<SchemaObject> GetSchema(const std::string& component, const std::string& group,
+                                          const std::string& key) const {
+    return cache_->GetSchema(component, group, key);
+  }
+  std::shared_ptr<SchemaObject> GetSchema(const SchemaObjectId& id) const {
+    return cache_->GetSchema(id);
+  }
+  // The key's label; "" when the key has no schema.
+  std::string GetSchemaLabel(const std::string& component, const std::string& group,
+                             const std::string& key) const;
+  // Keys whose default configuration is mutable on the host (false) or the
+  // SmartNIC (true).
+  SchemaObjectIdSet GetMutableDefaultConfigSchemas(bool smartnic) const;
+  // Keys whose schema says dspIntegrated false.
+  SchemaObjectIdSet GetDspNonIntegratedSchemas() const;
+
+ private:
+  std::shared_ptr<SchemaCache> cache_;
+};
+
+// The schema of component/group/key, or null when the key has no schema or
+// the store is null.
 std::shared_ptr<SchemaObject> GetSchema(const std::string& component, const std::string& group,
                                         const std::string& key,
                                         const std::shared_ptr<SchemaStore>& store);
 std::shared_ptr<SchemaObject> GetSchema(const SchemaObjectId& id,
                                         const std::shared_ptr<SchemaStore>& store);
+
+// Adds the value schema of every key of `value` (components -> groups ->
+// keys, the content of a document's "profile") to `schemaDoc`, in the
+// generated document shape of platform/README.md; "host-specific" and
+// "host-override" describe per-host sections with the same keys. A fresh
+// (non-object) `schemaDoc` is initialised first. Problems (a key without
+// schema, a component or group that is not an object) are appended to
+// `errorsDoc` (made an array when it is not one) as validator error objects
+// with the field "/<component>/<group>/<key>" (names escaped as in a JSON
+// Pointer) and the dotted key name as the one argument. A null cache reports
+// every key.
+void GenerateSchemaDocument(const rapidjson::Value& value,
+                            const std::shared_ptr<SchemaCache>& cache,
+                            rapidjson::Document& schemaDoc, rapidjson::Document& errorsDoc);
+
+// errIds of generation errors (JsonValidator::VALIDATION_ERR_CODES NO_SCHEMA
+// and TYPE_MISMATCH).
+constexpr int kUnknownKeyErrId = 11;
+constexpr int kNotAnObjectErrId = 5;
 
 }  // namespace QenSchemaStore
