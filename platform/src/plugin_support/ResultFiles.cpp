@@ -1,0 +1,80 @@
+#include "ResultFiles.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "ConfigStoreException.h"
+#include "HostRoot.h"
+#include "../host/HostFiles.h"
+
+namespace QenPlatform {
+
+void BadShape(const std::string& context, const std::string& what) {
+  throw QenConfigStore::ConfigStoreException(kResultBadShape, (context + ": " + what).c_str());
+}
+
+void ReadResultFile(const std::string& path, rapidjson::Document& doc) {
+  const std::string name = ResultFileName(path);
+  std::string text;
+  if (!ReadWholeFile(path, text))
+    throw QenConfigStore::ConfigStoreException(
+        kResultReadFailed, ("cannot read " + name + ": " + std::strerror(errno)).c_str());
+  doc.Parse(text.c_str(), text.size());
+  if (doc.HasParseError())
+    BadShape(name, std::string("not valid JSON: ") +
+                       rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
+                       std::to_string(doc.GetErrorOffset()));
+  if (!doc.IsObject()) BadShape(name, "not a JSON object");
+}
+
+void WritePrivateFile(const std::string& path, const std::string& text) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  bool ok = fd >= 0 && ::fchmod(fd, 0600) == 0;
+  size_t done = 0;
+  while (ok && done < text.size()) {
+    ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    ok = n > 0;
+    if (ok) done += static_cast<size_t>(n);
+  }
+  int saved = errno;
+  if (fd >= 0 && ::close(fd) != 0 && ok) {
+    ok = false;
+    saved = errno;
+  }
+  if (!ok)
+    throw QenConfigStore::ConfigStoreException(
+        2002, ("cannot write plugin result file \"" + LogicalPath(path) + "\": " +
+               std::strerror(saved)).c_str());
+}
+
+std::string CompactJson(const rapidjson::Value& value) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  value.Accept(writer);
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+std::string StringMember(const rapidjson::Value& value, const char* name, bool required,
+                         const std::string& context) {
+  auto it = value.FindMember(name);
+  if (it == value.MemberEnd()) {
+    if (required) BadShape(context, std::string("missing member \"") + name + "\"");
+    return std::string();
+  }
+  if (!it->value.IsString()) BadShape(context, std::string("member \"") + name + "\" is not a string");
+  return std::string(it->value.GetString(), it->value.GetStringLength());
+}
+
+const rapidjson::Value* ArrayMember(const rapidjson::Value& value, const char* name,
+                                    const std::string& context) {
+  auto it = value.FindMember(name);
+  if (it == value.MemberEnd()) return nullptr;
+  if (!it->value.IsArray()) BadShape(context, std::string("member \"") + name + "\" is not an array");
+  return &it->value;
+}
+
+}  // namespace QenPlatform
