@@ -1,14 +1,33 @@
 // Kernel system information, backed by the host state file
 // "/var/run/corvane/sysinfo.json" (logical path):
-//   {"interfaceCount": 21, "maintenanceMode": 0, ...}
+//   {"interfaceCount": 21, "maintenanceMode": 0,
+//    "ramdisks": {"<name>": {"reservedMiB": 64, "mount": "/logical/dir"}}}
 // A missing "interfaceCount" means 21, the count this build speaks. A missing
 // or unreadable file makes every call fail with SYSQ_ERR_UNAVAILABLE.
+//
+// Ramdisks: the "configstore" ramdisk is known without being listed (64 MiB
+// reserved, mounted at the store's directory "/var/lib/corvane/configstore");
+// a "ramdisks" entry overrides it or adds others. A ramdisk's used size is the
+// space its files really take: the allocated blocks of every regular file
+// below the mount, each file rounded up to whole 4 KiB pages. Thread-safe.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 typedef int Sysq_Node;
+
+// An ordered list of string parameters naming a node's instance.
+typedef struct Sysq_ParamList Sysq_ParamList;
+
+// Statistics of one ramdisk (Sysq_NODE_system_ramvol_ramdisks_stats; the
+// instance is a parameter list holding the ramdisk's name).
+typedef struct Ramvol_SysqRamStats {
+  uint32_t reservedMiB;  // reserved size in MiB
+  uint32_t reserved0;
+  uint64_t usedPages;    // used size in 4 KiB pages
+  uint64_t fileCount;    // regular files on the ramdisk
+} Ramvol_SysqRamStats;
 
 enum : int {
   Sysq_NODE_system_maintenanceMode = 1,
@@ -24,6 +43,8 @@ enum : int {
 };
 
 constexpr int Sysq_INTERFACE_COUNT = 21;
+constexpr uint32_t Sysq_CONFIGSTORE_RESERVED_MIB = 64;
+constexpr const char* Sysq_CONFIGSTORE_MOUNT = "/var/lib/corvane/configstore";
 constexpr const char* Sysq_STATE_FILE = "/var/run/corvane/sysinfo.json";
 
 extern "C" {
@@ -33,7 +54,15 @@ extern "C" {
 int Sysq_CheckSig(const char* signature, int count, int* result);
 
 // Reads node `node` (instance argument `instance`, may be null) into buffer.
+// The ramdisk node needs a parameter list with the ramdisk's name
+// (SYSQ_ERR_BAD_PARAM without; SYSQ_ERR_NOT_FOUND for an unknown ramdisk).
 int Sysq_Get(Sysq_Node node, const void* instance, void* buffer, size_t size);
+
+// Parameter lists: create, append strings (SYSQ_ERR_BAD_PARAM for null
+// arguments), destroy (null is ignored).
+Sysq_ParamList* Sysq_ParamListCreate(void);
+int Sysq_ParamListAddString(Sysq_ParamList* list, const char* value);
+void Sysq_ParamListDestroy(Sysq_ParamList* list);
 
 // Human-readable text of a status code; never null.
 const char* TAV_ReturnStatusToString(int status);
