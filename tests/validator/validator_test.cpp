@@ -215,8 +215,8 @@ TEST(ValidateCMDocument, ChecksEachKeyAgainstItsSchemaWithDocumentPaths) {
     "hosts": "DELETE_DEFAULT", "cache": {}}, "vpn": {}}, "storage": 3})";
   const std::string expected =
       R"([{"field":"/network/dns/resolver/servers/1","errId":19,"error":"string \"dns\" does not match the pattern \"^[0-9.]+$\"","errArgs":["\"dns\"","^[0-9.]+$"]},)"
-      R"({"field":"/network/dns/cache","errId":11,"error":"no schema for \"cache\"","errArgs":["cache"]},)"
-      R"({"field":"/network/vpn","errId":11,"error":"no schema for \"vpn\"","errArgs":["vpn"]},)"
+      R"({"field":"/network/dns/cache","errId":11,"error":"no schema for \"network.dns.cache\"","errArgs":["network.dns.cache"]},)"
+      R"({"field":"/network/vpn","errId":11,"error":"no schema for \"network.vpn\"","errArgs":["network.vpn"]},)"
       R"({"field":"/storage","errId":11,"error":"no schema for \"storage\"","errArgs":["storage"]}])";
   rapidjson::Document errors;
   V::ValidateCMDocument(schemaDoc, Parse(content), errors, {}, "");

@@ -104,8 +104,12 @@ void JsonValidator::ValidateCMDocument(const rapidjson::Value& schemaDoc,
     }
     return false;
   };
-  auto noSchema = [&engine](const rapidjson::Value& name) {
-    if (engine.Fails(NO_SCHEMA)) engine.Emit(NO_SCHEMA, {name.GetString()});
+  // Named "component.group.key" like the schema generator's own report.
+  std::string dotted;
+  auto noSchema = [&engine, &dotted](const rapidjson::Value& name) {
+    if (engine.Fails(NO_SCHEMA)) {
+      engine.Emit(NO_SCHEMA, {dotted + (dotted.empty() ? "" : ".") + name.GetString()});
+    }
   };
   if (!container(*components)) return;
   const rapidjson::Value* componentProps = Member(componentsSchema, "properties");
@@ -115,6 +119,7 @@ void JsonValidator::ValidateCMDocument(const rapidjson::Value& schemaDoc,
     if (componentSchema == nullptr) {
       noSchema(component.name);
     } else if (container(component.value)) {
+      dotted = component.name.GetString();
       const rapidjson::Value* groupProps = Member(*componentSchema, "properties");
       for (auto& group : component.value.GetObject()) {
         engine.PushName({group.name.GetString(), group.name.GetStringLength()});
@@ -122,6 +127,7 @@ void JsonValidator::ValidateCMDocument(const rapidjson::Value& schemaDoc,
         if (groupSchema == nullptr) {
           noSchema(group.name);
         } else if (container(group.value)) {
+          dotted = std::string(component.name.GetString()) + "." + group.name.GetString();
           const rapidjson::Value* keyProps = Member(*groupSchema, "properties");
           for (auto& key : group.value.GetObject()) {
             engine.PushName({key.name.GetString(), key.name.GetStringLength()});
@@ -137,8 +143,10 @@ void JsonValidator::ValidateCMDocument(const rapidjson::Value& schemaDoc,
           }
         }
         engine.Pop();
+        dotted = component.name.GetString();
       }
     }
+    dotted.clear();
     engine.Pop();
   }
   engine.Finish();
