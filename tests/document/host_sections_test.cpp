@@ -1,18 +1,13 @@
 #include <gtest/gtest.h>
 
-#include "ConfigStoreDocument.h"
-#include "ConfigStoreException.h"
+#include "DocTestUtil.h"
 
 namespace {
 
 using ConfigStoreDocument::NormalizeValue;
+using DocTest::ExpectStoreError;
+using DocTest::Parse;
 using rapidjson::Document;
-
-Document Parse(const std::string& text) {
-  Document d;
-  ConfigStoreDocument::CreateDocument(text, d);
-  return d;
-}
 
 // Generated-schema shape: network/interfaces/nic holds instances named by
 // "name", system/time/ntp is a singleton with a host-specific "servers".
@@ -98,21 +93,56 @@ TEST(GetDocumentForHost, MalformedSectionsAreJsonErrors) {
   Document schema = Parse(kSchema);
   ConfigStoreDocument::SchemaMergeMetadataProvider p(schema);
   Document doc = Parse(R"({"profile": {}, "host-override": []})");
-  try {
-    ConfigStoreDocument::GetDocumentForHost(doc, "h", p);
-    FAIL() << "no exception";
-  } catch (const QenConfigStore::ConfigStoreException& e) {
-    EXPECT_EQ(e.GetErrorCode(), 1082);
-    EXPECT_STREQ(e.what(), "JSON error: \"host-override\" is not an object");
-  }
+  ExpectStoreError([&] { ConfigStoreDocument::GetDocumentForHost(doc, "h", p); }, 1082,
+                   "JSON error: \"host-override\" is not an object");
   Document comp = Parse(R"({"profile": {}, "host-specific": {"h": {"c": [1]}}})");
-  try {
-    ConfigStoreDocument::GetDocumentForHost(comp, "h", p);
-    FAIL() << "no exception";
-  } catch (const QenConfigStore::ConfigStoreException& e) {
-    EXPECT_EQ(e.GetErrorCode(), 1082);
-    EXPECT_STREQ(e.what(), "JSON error: component \"c\" is not an object");
-  }
+  ExpectStoreError([&] { ConfigStoreDocument::GetDocumentForHost(comp, "h", p); }, 1082,
+                   "JSON error: component \"c\" is not an object");
+  Document notDoc = Parse("[1]");
+  ExpectStoreError([&] { ConfigStoreDocument::GetDocumentForHost(notDoc, "h", p); }, 1082,
+                   "JSON error: a configuration document is not an object");
+}
+
+TEST(GetDocumentForHost, GeneratedIdInstancesMergeByIdOrValue) {
+  Document schema = Parse(R"({"c": {"g": {"k": {"type": "array", "instanceId": "cs_generated_id",
+                               "items": {"type": "object"}}}}})");
+  ConfigStoreDocument::SchemaMergeMetadataProvider p(schema);
+  Document doc = Parse(R"({"profile": {"c": {"g": {"k": [{"cs_generated_id": "1", "v": 1}, {"v": 2}]}}},
+    "host-specific": {"h": {"c": {"g": {"k": [{"cs_generated_id": "1", "w": 1}, {"v": 2}, {"v": 3}]}}}}})");
+  ConfigStoreDocument::GetDocumentForHost(doc, "h", p);
+  EXPECT_EQ(NormalizeValue(doc),
+            R"({"profile":{"c":{"g":{"k":[{"cs_generated_id":"1","v":1,"w":1},{"v":2},{"v":3}]}}}})");
+}
+
+TEST(SplitDocument, MovesHostSpecificValuesAndMergesBack) {
+  Document schema = Parse(kSchema);
+  const char original[] = R"({"profile": {
+      "network": {"interfaces": {"nic": [{"name": "vmk0", "mtu": 1500, "address": "10.0.0.1"},
+                                         {"name": "vmk1", "mtu": 9000}]}},
+      "system": {"time": {"ntp": {"enabled": true, "servers": ["a"]}, "zone": {"tz": "UTC"}},
+                 "other": {}}}})";
+  Document doc = Parse(original);
+  ConfigStoreDocument::SplitDocument(schema, "{ABC}", doc);
+  EXPECT_EQ(NormalizeValue(doc),
+            R"({"host-specific":{"abc":{"network":{"interfaces":{"nic":[{"address":"10.0.0.1","name":"vmk0"}]}},)"
+            R"("system":{"time":{"ntp":{"servers":["a"]},"zone":{"tz":"UTC"}}}}},)"
+            R"("profile":{"network":{"interfaces":{"nic":[{"mtu":1500,"name":"vmk0"},{"mtu":9000,"name":"vmk1"}]}},)"
+            R"("system":{"other":{},"time":{"ntp":{"enabled":true}}}}})");
+  ConfigStoreDocument::SchemaMergeMetadataProvider p(schema);
+  ConfigStoreDocument::GetDocumentForHost(doc, "abc", p);
+  EXPECT_EQ(NormalizeValue(doc), NormalizeValue(Parse(original)));
+}
+
+TEST(SplitDocument, KeyLeftEmptyLeavesTheProfile) {
+  Document schema = Parse(kSchema);
+  Document doc = Parse(R"({"profile": {"system": {"time": {"ntp": {"servers": ["a"]}}}}})");
+  ConfigStoreDocument::SplitDocument(schema, "h", doc);
+  EXPECT_EQ(NormalizeValue(doc),
+            R"({"host-specific":{"h":{"system":{"time":{"ntp":{"servers":["a"]}}}}},"profile":{}})");
+  // Without a host identifier nothing moves.
+  Document kept = Parse(R"({"profile": {"system": {"time": {"ntp": {"servers": ["a"]}}}}})");
+  ConfigStoreDocument::SplitDocument(schema, " ", kept);
+  EXPECT_EQ(NormalizeValue(kept), R"({"profile":{"system":{"time":{"ntp":{"servers":["a"]}}}}})");
 }
 
 }  // namespace

@@ -49,9 +49,19 @@ std::string StringMember(const Value* node, const char* name);
 // (any variant of "oneOf"/"anyOf"/"allOf" that describes it otherwise), then
 // an "additionalProperties" schema. Null when nothing describes it.
 const Value* PropertyNode(const Value* node, const Value& name, const Value* instance);
+// Keywords whose array of schemas describes variants of one value.
+extern const char* const kVariantKeywords[3];
+// Whether union variant `variant` fixes its tag member `disc` to `tag`
+// ("enum" or "const").
+bool VariantHasTag(const Value& variant, const char* disc, const Value& tag);
+
 // Whether `node` lists properties at all (directly or through variants), so
 // that a member it does not describe is really undescribed.
 bool DescribesProperties(const Value* node);
+// Whether a member that no property of `objectNode` describes must still be
+// treated as secret: patterns are not matched, so any sensitive
+// "patternProperties" schema counts.
+bool PatternSensitive(const Value* objectNode);
 // The "items" node of an array node.
 inline const Value* ItemsNode(const Value* node) { return ChildObject(node, "items"); }
 // Whether an array node's items are objects.

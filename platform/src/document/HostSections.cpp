@@ -235,4 +235,141 @@ void GetDocumentForHost(rapidjson::Document& doc, const std::string& hostId,
   doc.RemoveMember(kHostOverride);
 }
 
+// ---- splitting ------------------------------------------------------------
+
+namespace {
+
+// Whether `node` or anything below it is marked "hostSpecific".
+bool MarksHostSpecific(const Value* node, int depth) {
+  if (!node || !node->IsObject() || depth > kMaxDepth) return false;
+  if (IsTrue(node, "hostSpecific")) return true;
+  if (const Value* props = ChildObject(node, "properties")) {
+    for (auto& p : props->GetObject()) {
+      if (MarksHostSpecific(&p.value, depth + 1)) return true;
+    }
+  }
+  for (const char* keyword : kVariantKeywords) {
+    const Value* variants = Child(node, keyword);
+    if (!variants || !variants->IsArray()) continue;
+    for (auto& v : variants->GetArray()) {
+      if (MarksHostSpecific(&v, depth + 1)) return true;
+    }
+  }
+  return MarksHostSpecific(ItemsNode(node), depth + 1) ||
+         MarksHostSpecific(ChildObject(node, "additionalProperties"), depth + 1);
+}
+
+// Moves the host-specific parts of `value` into `out` (same shape, null when
+// nothing moved). Returns true when the whole value is host-specific; the
+// caller then moves it. Objects split per member, arrays of instances with a
+// natural identifier per instance (the moved part keeps the identifier so
+// that it merges back); any other array below a mark moves whole.
+bool SplitValue(Value& value, const Value* node, Value& out, Allocator& allocator, int depth) {
+  CheckDepth(depth);
+  if (IsTrue(node, "hostSpecific")) return true;
+  if (!MarksHostSpecific(node, 1)) return false;
+  if (value.IsObject()) {
+    const Value* objectNode = ObjectNode(node);
+    Value moved(rapidjson::kObjectType);
+    for (auto it = value.MemberBegin(); it != value.MemberEnd();) {
+      Value sub;
+      const Value* prop = PropertyNode(objectNode, it->name, &value);
+      const bool whole = SplitValue(it->value, prop, sub, allocator, depth + 1);
+      const bool emptied = !whole && !sub.IsNull() && IsEmptyValue(it->value) && it->value.IsObject();
+      if (whole || emptied) {
+        Value name(it->name, allocator);
+        moved.AddMember(name, whole ? it->value : sub, allocator);
+        it = value.EraseMember(it);
+        continue;
+      }
+      if (!sub.IsNull()) {
+        Value name(it->name, allocator);
+        moved.AddMember(name, sub, allocator);
+      }
+      ++it;
+    }
+    if (moved.MemberCount() > 0) out = moved;
+    return false;
+  }
+  if (!value.IsArray()) return false;
+  const std::string idField = StringMember(node, "instanceId");
+  if (!ItemsAreObjects(node) || idField.empty() || idField == kGeneratedId) return true;
+  const Value* items = ItemsNode(node);
+  if (IsTrue(items, "hostSpecific")) return true;
+  Value moved(rapidjson::kArrayType);
+  for (auto& instance : value.GetArray()) {
+    auto id = instance.IsObject() ? instance.FindMember(idField.c_str()) : Value::MemberIterator();
+    if (!instance.IsObject() || id == instance.MemberEnd() || !id->value.IsString()) continue;
+    Value sub;
+    SplitValue(instance, items, sub, allocator, depth + 1);
+    if (sub.IsNull()) continue;
+    Value name(idField.c_str(), static_cast<rapidjson::SizeType>(idField.size()), allocator);
+    Value idCopy(id->value, allocator);
+    sub.AddMember(name, idCopy, allocator);
+    moved.PushBack(sub, allocator);
+  }
+  if (!moved.Empty()) out = moved;
+  return false;
+}
+
+}  // namespace
+
+void SplitDocument(const rapidjson::Value& schemaDoc, const std::string& hostId,
+                   rapidjson::Document& doc) {
+  if (!doc.IsObject()) Fail("a configuration document is not an object");
+  const std::string host = NormalizeHostId(hostId);
+  auto profile = doc.FindMember("profile");
+  if (host.empty() || profile == doc.MemberEnd()) return;
+  if (!profile->value.IsObject()) Fail("\"profile\" is not an object");
+  Allocator& allocator = doc.GetAllocator();
+  Value section(rapidjson::kObjectType);
+  for (auto c = profile->value.MemberBegin(); c != profile->value.MemberEnd();) {
+    if (!c->value.IsObject()) Fail("component \"" + ToString(c->name) + "\" is not an object");
+    bool groupsRemoved = false;
+    for (auto g = c->value.MemberBegin(); g != c->value.MemberEnd();) {
+      if (!g->value.IsObject()) Fail("group \"" + ToString(g->name) + "\" is not an object");
+      bool keysRemoved = false;
+      for (auto k = g->value.MemberBegin(); k != g->value.MemberEnd();) {
+        const Value* node = FindKeyNode(schemaDoc, ToString(c->name), ToString(g->name), ToString(k->name));
+        Value sub;
+        const bool whole = SplitValue(k->value, node, sub, allocator, 1);
+        if (!whole && sub.IsNull()) {
+          ++k;
+          continue;
+        }
+        Value& target = AddGroup(section, ToString(c->name), ToString(g->name), allocator);
+        Value name(k->name, allocator);
+        const bool emptied = !whole && IsEmptyValue(k->value) && k->value.IsObject();
+        target.AddMember(name, whole ? k->value : sub, allocator);
+        if (whole || emptied) {
+          k = g->value.EraseMember(k);
+          keysRemoved = true;
+        } else {
+          ++k;
+        }
+      }
+      // Only what the split emptied goes; empty groups the user wrote stay.
+      const bool dropGroup = keysRemoved && g->value.ObjectEmpty();
+      g = dropGroup ? c->value.EraseMember(g) : g + 1;
+      groupsRemoved = groupsRemoved || dropGroup;
+    }
+    const bool dropComponent = groupsRemoved && c->value.ObjectEmpty();
+    c = dropComponent ? profile->value.EraseMember(c) : c + 1;
+  }
+  if (section.ObjectEmpty()) return;
+  auto sections = doc.FindMember(kHostSpecific);
+  if (sections == doc.MemberEnd()) {
+    doc.AddMember(rapidjson::StringRef(kHostSpecific), Value(rapidjson::kObjectType), allocator);
+    sections = doc.FindMember(kHostSpecific);
+  }
+  if (!sections->value.IsObject()) Fail("\"host-specific\" is not an object");
+  Value name(host.c_str(), static_cast<rapidjson::SizeType>(host.size()), allocator);
+  auto existing = sections->value.FindMember(name);
+  if (existing == sections->value.MemberEnd()) {
+    sections->value.AddMember(name, section, allocator);
+  } else {
+    MergeObject(existing->value, section, nullptr, allocator, 1);
+  }
+}
+
 }  // namespace ConfigStoreDocument

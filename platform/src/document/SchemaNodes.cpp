@@ -61,9 +61,7 @@ std::string StringMember(const Value* node, const char* name) {
   return c && c->IsString() ? ToString(*c) : std::string();
 }
 
-namespace {
-
-const char* const kVariantKeywords[] = {"oneOf", "anyOf", "allOf"};
+const char* const kVariantKeywords[3] = {"oneOf", "anyOf", "allOf"};
 
 // Whether variant `variant` fixes the union tag `disc` to `tag`.
 bool VariantHasTag(const Value& variant, const char* disc, const Value& tag) {
@@ -77,6 +75,8 @@ bool VariantHasTag(const Value& variant, const char* disc, const Value& tag) {
   }
   return false;
 }
+
+namespace {
 
 const Value* PropertyNodeAt(const Value* node, const Value& name, const Value* instance,
                             int depth) {
@@ -126,6 +126,15 @@ const Value* PropertyNode(const Value* node, const Value& name, const Value* ins
 bool DescribesProperties(const Value* node) {
   if (Child(node, "patternProperties") || IsTrue(node, "additionalProperties")) return false;
   return DescribesPropertiesAt(node, 1);
+}
+
+bool PatternSensitive(const Value* objectNode) {
+  const Value* patterns = ChildObject(objectNode, "patternProperties");
+  if (!patterns) return false;
+  for (auto& p : patterns->GetObject()) {
+    if (IsTrue(&p.value, "sensitive")) return true;
+  }
+  return false;
 }
 
 bool ItemsAreObjects(const Value* node) {

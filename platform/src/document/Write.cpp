@@ -21,18 +21,6 @@ struct Mode {
   bool normalise;  // sort members, integral doubles as integers
 };
 
-// A member that no property describes is still secret when some
-// "patternProperties" schema of its object is sensitive: patterns are not
-// matched here, so the safe reading is taken.
-bool PatternSensitive(const Value* objectNode) {
-  const Value* patterns = ChildObject(objectNode, "patternProperties");
-  if (!patterns) return false;
-  for (auto& p : patterns->GetObject()) {
-    if (IsTrue(&p.value, "sensitive")) return true;
-  }
-  return false;
-}
-
 void WriteNumber(TextWriter& w, const Value& v, bool normalise) {
   if (v.IsDouble()) {
     const double d = v.GetDouble();
