@@ -201,6 +201,17 @@ TEST(Validate, TenThousandLevelsNeitherOverflowNorPass) {
   EXPECT_EQ(Brief(R"({"allOf": [{"$ref": "#"}]})", "1"), ":30 ");
 }
 
+TEST(Validate, PatternsMatchMegabyteStringsWithoutExhaustingTheStack) {
+  std::string longText(1 << 20, 'a');
+  EXPECT_EQ(Brief(R"({"pattern": "^(a|b)+$"})", "\"" + longText + "\""), "");
+  EXPECT_EQ(Brief(R"({"pattern": "^(a|b)+$"})", "\"" + longText + "!\""), ":19 ");
+  EXPECT_EQ(Brief(R"({"patternProperties": {"^a+$": {"type": "null"}}})", "{\"" + longText + "\": 1}"),
+            "/" + longText + ":5 ");
+  // Back-references have no flat matcher: short subjects are matched, long ones fail closed.
+  EXPECT_EQ(Brief(R"({"pattern": "^(a)\\1"})", "\"aa\""), "");
+  EXPECT_EQ(Brief(R"({"pattern": "^(a)\\1"})", "\"" + longText + "\""), ":19 ");
+}
+
 TEST(ValidateCMDocument, ChecksEachKeyAgainstItsSchemaWithDocumentPaths) {
   rapidjson::Document schemaDoc = Parse(R"({"type": "object", "properties": {
     "profile": {"type": "object", "properties": {

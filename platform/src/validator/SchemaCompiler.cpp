@@ -47,6 +47,16 @@ bool IsAnnotation(std::string_view k) {
 
 }  // namespace
 
+bool Pattern::Matches(std::string_view subject) const {
+  try {
+    if (subject.size() <= kShortSubject) return std::regex_search(subject.begin(), subject.end(), fast);
+    // Without a flat matcher a long subject fails closed: it is not shown to match.
+    return flat && std::regex_search(subject.begin(), subject.end(), *flat);
+  } catch (const std::regex_error&) {
+    return false;  // the matcher gave up (complexity); not shown to match
+  }
+}
+
 std::string AppendPointer(const std::string& location, std::string_view token) {
   std::string out;
   out.reserve(location.size() + token.size() + 1);
@@ -173,10 +183,16 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
     auto p = std::make_unique<Pattern>();
     p->text = std::string(text);
     try {
-      p->re = std::regex(p->text, std::regex::ECMAScript);
+      p->fast = std::regex(p->text, std::regex::ECMAScript);
     } catch (const std::regex_error& e) {
       Fail(where, "invalid regular expression \"" + p->text + "\": " + e.what());
       return std::unique_ptr<Pattern>();
+    }
+    try {
+      p->flat = std::make_unique<std::regex>(
+          p->text, std::regex::ECMAScript | std::regex_constants::__polynomial);
+    } catch (const std::regex_error&) {
+      // Back-references: long subjects cannot be matched safely (see Matches).
     }
     return p;
   };

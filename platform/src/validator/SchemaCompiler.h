@@ -31,9 +31,17 @@ enum TypeBit : unsigned {
 
 struct Node;
 
+// libstdc++'s default (backtracking) matcher recurses once per subject
+// character and overflows the stack on long strings; its polynomial mode
+// keeps the stack flat but is about three times slower. Short subjects take
+// the fast matcher, long ones the flat one.
 struct Pattern {
+  static constexpr size_t kShortSubject = 256;
   std::string text;
-  std::regex re;
+  std::regex fast;
+  std::unique_ptr<std::regex> flat;  // null when the pattern needs back-references
+
+  bool Matches(std::string_view subject) const;
 };
 
 struct Dependency {

@@ -175,10 +175,6 @@ std::vector<std::pair<size_t, size_t>> Duplicates(const rapidjson::Value& array)
   return out;
 }
 
-bool Matches(const Pattern& p, std::string_view s) {
-  return std::regex_search(s.begin(), s.end(), p.re);
-}
-
 class DepthGuard {
  public:
   explicit DepthGuard(int& depth) : depth_(depth) { ++depth_; }
@@ -389,7 +385,7 @@ void Engine::CheckString(const Node& node, const rapidjson::Value& value) {
       Emit(JsonValidator::MAX_LENGTH, {std::to_string(length), std::to_string(node.maxLength)});
     }
   }
-  if (node.pattern && !Matches(*node.pattern, View(value)) &&
+  if (node.pattern && !node.pattern->Matches(View(value)) &&
       Fails(JsonValidator::PATTERN_MISMATCH)) {
     Emit(JsonValidator::PATTERN_MISMATCH, {ValueText(value), node.pattern->text});
   }
@@ -482,7 +478,7 @@ void Engine::CheckObject(const Node& node, const rapidjson::Value& value) {
       }
     }
     for (auto& [pattern, schema] : node.patternProperties) {
-      if (Matches(*pattern, name)) {
+      if (pattern->Matches(name)) {
         matched = true;
         Check(schema, member.value);
       }
