@@ -285,11 +285,15 @@ std::shared_ptr<ConfigStore> ConfigStore::GetStore(const std::string& ns) {
   static std::shared_ptr<ConfigStore>* cached = nullptr;
   static std::string cachedPath;
   static pid_t cachedPid = 0;
+  static ino_t cachedInode = 0;
   std::lock_guard<std::mutex> lock(mutex);
   const std::string physical = QenPlatform::HostPath(kDatabasePath);
+  // A removed or replaced database file is opened afresh.
   struct stat st;
   bool present = ::stat(physical.c_str(), &st) == 0;
-  if (cached && cachedPid == ::getpid() && cachedPath == physical && present) return *cached;
+  if (cached && cachedPid == ::getpid() && cachedPath == physical && present &&
+      st.st_ino == cachedInode)
+    return *cached;
   if (cached && cachedPid == ::getpid()) delete cached;
   cached = nullptr;
   try {
@@ -297,6 +301,7 @@ std::shared_ptr<ConfigStore> ConfigStore::GetStore(const std::string& ns) {
     cached = new std::shared_ptr<ConfigStore>(store);
     cachedPath = physical;
     cachedPid = ::getpid();
+    cachedInode = ::stat(physical.c_str(), &st) == 0 ? st.st_ino : 0;
     return store;
   } catch (const ConfigStoreException& e) {
     CSLogger::Log(0, "Failed to open the configuration store: %s", e.what());

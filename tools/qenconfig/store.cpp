@@ -1,0 +1,67 @@
+// qenconfig store: seeding and inspecting the host's configuration store.
+//   store load FILE   replace the store's content by a store description
+//   store dump        print the store's content as a store description
+//   store stats       print the store's size statistics
+#include <iostream>
+
+#include "Commands.h"
+#include "QenConfigStore.h"
+
+namespace {
+
+void PrintPretty(const rapidjson::Value& value) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+  writer.SetIndent(' ', 3);
+  value.Accept(writer);
+  std::cout << buffer.GetString() << "\n";
+}
+
+qenconfig::Registrar reg([](CLI::App& app) {
+  auto* store = app.add_subcommand("store", "Seed and inspect the configuration store");
+  store->require_subcommand(1);
+
+  auto* load = store->add_subcommand("load", "Replace the store's content by a store description");
+  static std::string file;
+  load->add_option("FILE", file, "Store description (JSON)")->required();
+  load->callback([] {
+    qenconfig::Exit(qenconfig::Run([] {
+      std::string text = qenconfig::ReadUserFile(file);
+      rapidjson::Document doc;
+      doc.Parse(text.c_str(), text.size());
+      if (doc.HasParseError())
+        throw QenConfigStore::ConfigStoreException(
+            QenConfigStore::STORE_BAD_VALUE,
+            ("Store description \"" + file + "\" is not valid JSON: " +
+             rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
+             std::to_string(doc.GetErrorOffset()))
+                .c_str());
+      QenConfigStore::LoadStoreDescription(doc);
+      return 0;
+    }));
+  });
+
+  auto* dump = store->add_subcommand("dump", "Print the store's content as a store description");
+  dump->callback([] {
+    qenconfig::Exit(qenconfig::Run([] {
+      QenConfigStore::GetDBStore(DBStore::USER, false);  // a missing store is an error, not created
+      PrintPretty(QenConfigStore::DumpStoreDescription()->GetDocument());
+      return 0;
+    }));
+  });
+
+  auto* stats = store->add_subcommand("stats", "Print the store's size statistics");
+  stats->callback([] {
+    qenconfig::Exit(qenconfig::Run([] {
+      QenConfigStore::GetDBStore(DBStore::USER, false);
+      std::cout << "rowCount=" << QenConfigStore::GetConfigRowCount() << "\n"
+                << "vitalConfigSize=" << QenConfigStore::GetVitalConfigSize() << "\n"
+                << "userConfigSize=" << QenConfigStore::GetUserConfigSize() << "\n"
+                << "cachedConfigSize=" << QenConfigStore::GetCachedConfigSize() << "\n";
+      for (const std::string& line : QenConfigStore::GetConfigMetrics()) std::cout << line << "\n";
+      return 0;
+    }));
+  });
+});
+
+}  // namespace
