@@ -1,0 +1,76 @@
+// qenconfig plugins: check manifests, list the plugins of a kind of work.
+#include <algorithm>
+#include <iostream>
+#include <map>
+
+#include "Commands.h"
+#include "HostRoot.h"
+#include "configmanager/plugin.h"
+
+namespace {
+
+constexpr const char* kModules = "/usr/lib/corvane/configmanager/apply_modules/";
+constexpr const char* kSchemas = "/usr/lib/corvane/configmanager/plugin_schemas/";
+
+std::string Objects(const QenConfigManager::ConfigStoreObjectIdList& ids) {
+  std::string text;
+  for (const auto& id : ids) {
+    if (!text.empty()) text += ",";
+    text += id.GetComponent() + ":" + id.GetGroup() + ":" + id.GetKey();
+  }
+  return text.empty() ? "-" : text;
+}
+
+qenconfig::Registrar reg([](CLI::App& app) {
+  auto* plugins = app.add_subcommand("plugins", "Plugin manifests");
+  plugins->require_subcommand(1);
+
+  auto* check = plugins->add_subcommand(
+      "check", "Check every manifest below DIR against its version's schema; exit 1 on any problem");
+  auto dir = std::make_shared<std::string>();
+  auto schemas = std::make_shared<std::string>();
+  check->add_option("DIR", *dir, "Manifest directory (a path on this machine; default: the host's)");
+  check->add_option("--schemas", *schemas, "Schema directory (default: the host's)");
+  check->callback([dir, schemas] {
+    qenconfig::Exit(qenconfig::Run([&] {
+      const std::string manifests = dir->empty() ? QenPlatform::HostPath(kModules) : *dir;
+      const std::string schemaDir = schemas->empty() ? QenPlatform::HostPath(kSchemas) : *schemas;
+      rapidjson::Document report(rapidjson::kArrayType);
+      ValidateAllPlugins(manifests, schemaDir, report);
+      std::cout << JsonToString(report) << "\n";
+      return report.Empty() ? qenconfig::kOk : qenconfig::kFailure;
+    }));
+  });
+
+  auto* list = plugins->add_subcommand("list", "List the plugins of a kind of work and the apply order");
+  auto type = std::make_shared<QenConfigManager::PluginType>(QenConfigManager::PLUGIN_APPLY);
+  const std::map<std::string, QenConfigManager::PluginType> kinds = {
+      {"apply", QenConfigManager::PLUGIN_APPLY},     {"boot", QenConfigManager::PLUGIN_APPLY_BOOT},
+      {"extract", QenConfigManager::PLUGIN_EXTRACT}, {"impact", QenConfigManager::PLUGIN_IMPACT},
+      {"validate", QenConfigManager::PLUGIN_VALIDATE}};
+  list->add_option("--type", *type, "apply, boot, extract, impact or validate")
+      ->required()
+      ->transform(CLI::CheckedTransformer(kinds, CLI::ignore_case));
+  list->callback([type] {
+    qenconfig::Exit(qenconfig::Run([&] {
+      QenConfigManager::PluginManager manager(*type);
+      auto all = manager.GetPlugins();
+      std::sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a->GetId() < b->GetId(); });
+      for (const auto& p : all) {
+        const auto objects = *type == QenConfigManager::PLUGIN_EXTRACT ? p->GetExtractConfigIds()
+                                                                       : p->GetCSOIdList();
+        std::cout << p->GetId() << "  version=" << p->GetVersion() << " type=" << p->GetType()
+                  << " module=" << (p->GetModule().empty() ? "-" : p->GetModule())
+                  << " objects=" << Objects(objects) << "\n";
+      }
+      if (*type == QenConfigManager::PLUGIN_APPLY || *type == QenConfigManager::PLUGIN_APPLY_BOOT) {
+        std::cout << "order:";
+        for (const auto& name : manager.GetDependencies()) std::cout << " " << name;
+        std::cout << "\n";
+      }
+      return qenconfig::kOk;
+    }));
+  });
+});
+
+}  // namespace
