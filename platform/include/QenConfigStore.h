@@ -252,8 +252,13 @@ class ConfigStore {
   // The host object's current value, or null when it has none (also for
   // "DELETE_DEFAULT").
   std::shared_ptr<ConfigStoreObject> GetObject(const ConfigStoreObjectId& id);
-  // Writes the object's value as the current value (a new row is "vital").
+  // Writes the object's value as the current value. A new row is "user"
+  // configuration when the key's schema has user-configuration text, else
+  // "vital".
   void SetObject(const StoreObject& object);
+  // Removes the object's current value (the row goes when it holds nothing
+  // else).
+  void DeleteObject(const ConfigStoreObjectId& id);
 
   const std::shared_ptr<DBStore::StoreConnection>& GetConnection() const { return conn_; }
 

@@ -508,16 +508,39 @@ std::shared_ptr<ConfigStoreObject> ConfigStore::GetObject(const ConfigStoreObjec
 void ConfigStore::SetObject(const StoreObject& object) {
   const ConfigStoreObjectId& id = object.GetConfigStoreObjectId();
   const std::string text = Serialize(object.GetJson());
+  // A key whose schema says it is user configuration is user configuration;
+  // anything else the host keeps for itself is vital.
+  std::string category = "vital";
+  if (auto schemas = QenSchemaStore::SchemaStore::GetStore()) {
+    auto schema = schemas->GetSchema(id.GetComponent(), id.GetGroup(), id.GetKey());
+    if (schema && !schema->GetUserConfigText().empty()) category = "user";
+  }
   WriteTransaction(Of(conn_), [&] {
     Cursor c(Of(conn_),
              "INSERT INTO config_object(scope, component, grp, name, identifier, category,"
-             " current_value, ordinal) VALUES('host', ?1, ?2, ?3, ?4, 'vital', ?5,"
+             " current_value, ordinal) VALUES('host', ?1, ?2, ?3, ?4, ?6, ?5,"
              " (SELECT COALESCE(MAX(ordinal), 0) + 1 FROM config_object WHERE scope = 'host' AND"
              "  component = ?1 AND grp = ?2 AND name = ?3))"
              " ON CONFLICT(scope, component, grp, name, identifier)"
              " DO UPDATE SET current_value = excluded.current_value");
     c.Bind(1, id.GetComponent()).Bind(2, id.GetGroup()).Bind(3, id.GetKey());
-    c.Bind(4, id.GetInstanceId()).Bind(5, text).Run();
+    c.Bind(4, id.GetInstanceId()).Bind(5, text).Bind(6, category).Run();
+  });
+}
+
+void ConfigStore::DeleteObject(const ConfigStoreObjectId& id) {
+  WriteTransaction(Of(conn_), [&] {
+    Impl& impl = Of(conn_);
+    Cursor(impl,
+           "UPDATE config_object SET current_value = NULL WHERE scope = 'host' AND component = ?1"
+           " AND grp = ?2 AND name = ?3 AND identifier = ?4")
+        .Bind(1, id.GetComponent()).Bind(2, id.GetGroup()).Bind(3, id.GetKey())
+        .Bind(4, id.GetInstanceId()).Run();
+    Cursor(impl,
+           "DELETE FROM config_object WHERE scope = 'host' AND component = ?1 AND grp = ?2 AND"
+           " name = ?3 AND identifier = ?4 AND default_value IS NULL AND autoconf_value IS NULL")
+        .Bind(1, id.GetComponent()).Bind(2, id.GetGroup()).Bind(3, id.GetKey())
+        .Bind(4, id.GetInstanceId()).Run();
   });
 }
 
