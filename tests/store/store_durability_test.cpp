@@ -244,7 +244,7 @@ TEST_F(StoreDurabilityTest, DescriptionRoundTripsThroughDumpAndLoad) {
             R"("autoconf":{"c":{"g":{"list":{"n":5}}}},"desired":{"c":{"g":{"k":{"v":3}}}},)"
             R"("desiredMode":"overlay","desiredDeletes":[{"component":"c","group":"g","key":"gone"}]},)"
             R"("smartnic":{"defaults":{},"current":{"s":{"n":{"o":{"f":true}}}},"vital":{},"cached":{},)"
-            R"("autoconf":{},"desired":{"s":{"n":{"o":{"f":false}}}},"desiredMode":"document","desiredDeletes":[]},)"
+            R"("autoconf":{},"desired":{"s":{"n":{"o":{"f":false}}}},"desiredMode":"overlay","desiredDeletes":[]},)"
             R"("bootMode":4,"bootApplyState":{"isBootComplete":true,"bootApplyRecord":"r"},)"
             R"("restoreFailures":[{"component":"c","group":"g","key":"k"}]})");
   auto doc = DumpStoreDescription();

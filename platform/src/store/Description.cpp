@@ -128,13 +128,17 @@ void LoadScope(Impl& impl, const rapidjson::Value& scopeDesc, const char* scope,
       c.Bind(3, std::string(d["group"].GetString())).Bind(4, std::string(d["key"].GetString())).Run();
     }
   }
+  // Staged values overlay the current configuration unless the description
+  // says they are a whole document: a forgotten mode never empties a host.
+  std::string desiredMode = "overlay";
   auto mode = scopeDesc.FindMember("desiredMode");
   if (mode != scopeDesc.MemberEnd()) {
     if (!mode->value.IsString() || (mode->value.GetString() != std::string("document") &&
                                     mode->value.GetString() != std::string("overlay")))
       Fail(STORE_BAD_VALUE, "Store description: \"" + where + "desiredMode\" must be \"document\" or \"overlay\"");
-    SetMeta(impl, std::string("desiredMode.") + scope, mode->value.GetString());
+    desiredMode = mode->value.GetString();
   }
+  SetMeta(impl, std::string("desiredMode.") + scope, desiredMode);
 }
 
 // Adds `value` under component/group/key of `target`: a singleton replaces,
