@@ -52,6 +52,14 @@ constexpr const char* kOpDelete = "DELETE";
 // library refuses the same depth.
 constexpr int kMaxCompareDepth = ConfigStoreDocument::kMaxDepth;
 
+const rapidjson::Value& InstanceNode(const rapidjson::Value& keySchema) {
+  if (keySchema.IsObject() && !keySchema.HasMember("properties")) {
+    auto items = keySchema.FindMember("items");
+    if (items != keySchema.MemberEnd()) return items->value;
+  }
+  return keySchema;
+}
+
 rapidjson::Value Text(const char* op) { return rapidjson::Value(rapidjson::StringRef(op)); }
 
 // Member lookup by name that stays linear for wide objects: objects with few
@@ -245,6 +253,9 @@ void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjs
   DriftHandler& handler = ctx.handler;
   const std::string& idField = schema->GetInstanceIdField();
   const rapidjson::Value& schemaJson = schema->GetSchemaJson();
+  // A non-singleton key's schema is an array node; its instances are
+  // described by the node's "items".
+  const rapidjson::Value& instanceSchema = InstanceNode(schemaJson);
   const bool generated = idField == kGeneratedId;
   std::unique_ptr<InstanceMatcher> matcher =
       generated ? ctx.matchers.byValue(host, schemaJson) : ctx.matchers.byIdentifier(host, idField);
@@ -268,7 +279,8 @@ void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjs
       rapidjson::Value driftDoc(rapidjson::kObjectType);
       if (j >= 0) {
         const rapidjson::Value& partner = host[static_cast<rapidjson::SizeType>(j)];
-        if (compareValue(ctx, element, partner, schemaJson, driftDoc) && handler.consolidatedAction)
+        if (compareValue(ctx, element, partner, instanceSchema, driftDoc) &&
+            handler.consolidatedAction)
           handler.Set(element, partner, id, schema, ctx.path, driftDoc);
       } else if (handler.checkDefaultUserConfig) {
         if (id.GetInstanceId().empty())

@@ -35,7 +35,20 @@ uint64_t HashText(const char* text, size_t length) {
   return std::hash<std::string_view>()(std::string_view(text, length));
 }
 
-uint64_t HashValue(const rapidjson::Value& value, int depth) {
+bool HasDuplicateNames(const rapidjson::Value& object) {
+  const rapidjson::SizeType n = object.MemberCount();
+  if (n < 2) return false;
+  std::vector<std::string_view> names;
+  names.reserve(n);
+  for (auto m = object.MemberBegin(); m != object.MemberEnd(); ++m)
+    names.emplace_back(m->name.GetString(), m->name.GetStringLength());
+  std::sort(names.begin(), names.end());
+  return std::adjacent_find(names.begin(), names.end()) != names.end();
+}
+
+// `duplicates`, when given, is set if an object below has two members of one
+// name: IsEqualValue may then pair values whose hashes differ.
+uint64_t HashValue(const rapidjson::Value& value, int depth, bool* duplicates) {
   if (depth >= kHashDepth) return 0x5eed;
   switch (value.GetType()) {
     case rapidjson::kNullType:
@@ -57,11 +70,12 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
     case rapidjson::kObjectType: {
       // Order-free sum over the members; "cs_generated_id" never counts, and
       // a null member counts as a missing one.
+      if (duplicates && !*duplicates && HasDuplicateNames(value)) *duplicates = true;
       uint64_t sum = 0x66;
       for (auto m = value.MemberBegin(); m != value.MemberEnd(); ++m) {
         if (m->value.IsNull() || IsGeneratedIdName(m->name)) continue;
         const uint64_t name = HashText(m->name.GetString(), m->name.GetStringLength());
-        sum += Mix(name * 0x9e3779b97f4a7c15ULL + HashValue(m->value, depth + 1));
+        sum += Mix(name * 0x9e3779b97f4a7c15ULL + HashValue(m->value, depth + 1, duplicates));
       }
       return Mix(sum);
     }
@@ -71,7 +85,7 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
       // order, as multisets, as sets of instances).
       std::vector<uint64_t> elements;
       elements.reserve(value.Size());
-      for (auto& e : value.GetArray()) elements.push_back(HashValue(e, depth + 1));
+      for (auto& e : value.GetArray()) elements.push_back(HashValue(e, depth + 1, duplicates));
       std::sort(elements.begin(), elements.end());
       elements.erase(std::unique(elements.begin(), elements.end()), elements.end());
       uint64_t h = 0x77;
@@ -89,18 +103,12 @@ class ChainedMatcher : public InstanceMatcher {
   long Take(const rapidjson::Value& desired) override {
     if (!host_.IsArray() || host_.Empty()) return -1;
     if (!built_) Build();
-    Slot* slot = FindSlot(HashDesired(desired));
+    uint64_t h;
+    if (!HashDesired(desired, h)) return ScanAll(desired);
+    Slot* slot = FindSlot(h);
     if (!slot) return -1;
-    uint32_t previous = kNone;
-    for (uint32_t j = slot->head; j != kNone; previous = j, j = next_[j]) {
-      if (!Pairs(desired, host_[j])) continue;
-      if (previous == kNone)
-        slot->head = next_[j];
-      else
-        next_[previous] = next_[j];
-      taken_[j] = true;
-      return static_cast<long>(j);
-    }
+    for (uint32_t j = slot->head; j != kNone; j = next_[j])
+      if (Pairs(desired, host_[j])) return Unlink(slot, j);
     return -1;
   }
 
@@ -114,7 +122,8 @@ class ChainedMatcher : public InstanceMatcher {
 
  protected:
   virtual uint64_t HashHost(const rapidjson::Value& element) = 0;
-  virtual uint64_t HashDesired(const rapidjson::Value& element) = 0;
+  // False when `element` cannot be hashed consistently with Pairs.
+  virtual bool HashDesired(const rapidjson::Value& element, uint64_t& hash) = 0;
   virtual bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) = 0;
 
  private:
@@ -130,9 +139,10 @@ class ChainedMatcher : public InstanceMatcher {
     while (capacity < 2 * static_cast<size_t>(m)) capacity <<= 1;
     slots_.assign(capacity, Slot());
     next_.assign(m, kNone);
+    hashes_.resize(m);
     taken_.assign(m, false);
     for (uint32_t j = 0; j < m; ++j) {
-      const uint64_t h = HashHost(host_[j]);
+      const uint64_t h = hashes_[j] = HashHost(host_[j]);
       Slot* slot = ProbeSlot(h);
       if (!slot->used) {
         slot->used = true;
@@ -142,6 +152,25 @@ class ChainedMatcher : public InstanceMatcher {
       slot->head = j;
     }
     built_ = true;
+  }
+
+  // The literal search, for a desired element that has no usable hash.
+  long ScanAll(const rapidjson::Value& desired) {
+    for (uint32_t j = host_.Size(); j-- > 0;)
+      if (!taken_[j] && Pairs(desired, host_[j])) return Unlink(FindSlot(hashes_[j]), j);
+    return -1;
+  }
+
+  long Unlink(Slot* slot, uint32_t j) {
+    if (slot->head == j) {
+      slot->head = next_[j];
+    } else {
+      uint32_t previous = slot->head;
+      while (next_[previous] != j) previous = next_[previous];
+      next_[previous] = next_[j];
+    }
+    taken_[j] = true;
+    return static_cast<long>(j);
   }
 
   // The slot of hash `h`, or the empty slot where it belongs.
@@ -159,6 +188,7 @@ class ChainedMatcher : public InstanceMatcher {
   bool built_ = false;
   std::vector<Slot> slots_;
   std::vector<uint32_t> next_;
+  std::vector<uint64_t> hashes_;
   std::vector<bool> taken_;
 };
 
@@ -169,10 +199,13 @@ class IdentifierMatcher : public ChainedMatcher {
       : ChainedMatcher(host), idField_(idField) {}
 
  protected:
-  uint64_t HashHost(const rapidjson::Value& element) override { return HashDesired(element); }
-  uint64_t HashDesired(const rapidjson::Value& element) override {
+  uint64_t HashHost(const rapidjson::Value& element) override {
     const rapidjson::Value& id = element[idField_];
     return HashText(id.GetString(), id.GetStringLength());
+  }
+  bool HashDesired(const rapidjson::Value& element, uint64_t& hash) override {
+    hash = HashHost(element);
+    return true;
   }
   bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
     const rapidjson::Value& a = desired[idField_];
@@ -186,15 +219,22 @@ class IdentifierMatcher : public ChainedMatcher {
 };
 
 // Generated identifiers: schema-aware equality of the whole instance.
+// IsEqualValue looks up each desired member in the host object, so a desired
+// value without duplicate member names equals only host values with the same
+// members, which hash alike; one with duplicates is searched literally.
 class ValueMatcher : public ChainedMatcher {
  public:
   ValueMatcher(const rapidjson::Value& host, const rapidjson::Value& schemaNode)
       : ChainedMatcher(host), schemaNode_(schemaNode) {}
 
  protected:
-  uint64_t HashHost(const rapidjson::Value& element) override { return InstanceValueHash(element); }
-  uint64_t HashDesired(const rapidjson::Value& element) override {
-    return InstanceValueHash(element);
+  uint64_t HashHost(const rapidjson::Value& element) override {
+    return HashValue(element, 0, nullptr);
+  }
+  bool HashDesired(const rapidjson::Value& element, uint64_t& hash) override {
+    bool duplicates = false;
+    hash = HashValue(element, 0, &duplicates);
+    return !duplicates;
   }
   bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
     return ConfigStoreDocument::IsEqualValue(desired, host, schemaNode_);
@@ -216,7 +256,7 @@ std::unique_ptr<InstanceMatcher> MakeValueMatcher(const rapidjson::Value& host,
 
 }  // namespace
 
-uint64_t InstanceValueHash(const rapidjson::Value& value) { return HashValue(value, 0); }
+uint64_t InstanceValueHash(const rapidjson::Value& value) { return HashValue(value, 0, nullptr); }
 
 const MatcherFactory& IndexedMatchers() {
   static const MatcherFactory factory{&MakeIdentifierMatcher, &MakeValueMatcher};

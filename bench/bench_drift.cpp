@@ -1,0 +1,322 @@
+// Drift engine benchmarks. Every ratio is taken between figures of the same
+// run and printed after the table:
+//   walk/parse      ComputeDrift (no-op handler, host document supplied) over
+//                   the RapidJSON parse of the same two documents
+//   linear          walk at 10k instances / (100 x walk at 100 instances)
+//   drift cost      walk with 1% drift / walk with none
+//   memory          peak extra memory of the compliance walk on the 100k-key
+//                   document / memory of the two parsed documents
+#include <benchmark/benchmark.h>
+
+#include <boost/filesystem.hpp>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "HostRoot.h"
+#include "QenConfigStore.h"
+#include "QenSchemaStore.h"
+#include "configmanager/drift.h"
+
+using namespace QenConfigManager;
+
+namespace {
+
+const int kKeyCounts[] = {1000, 10000, 100000};
+const int kInstanceCounts[] = {100, 10000, 100000};
+
+std::string g_root;
+
+void WriteText(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+const char* kSingletonSchema =
+    R"({"type": "object", "properties": {"name": {"type": "string"}, "count": {"type": "integer"},
+        "enabled": {"type": "boolean"}, "tags": {"type": "array", "items": {"type": "string"}},
+        "limits": {"type": "object", "properties": {"soft": {"type": "integer"},
+                                                    "hard": {"type": "integer"}}}}})";
+const char* kInstanceSchema =
+    R"({"type": "array", "items": {"type": "object", "properties": {"name": {"type": "string"},
+        "cs_generated_id": {"type": "string"}, "v": {"type": "integer"},
+        "tags": {"type": "array", "items": {"type": "string"}}}}})";
+
+// Layout of a document of n keys: 10 components, groups of 10 keys; every
+// fifth key holds three instances.
+struct KeyName {
+  std::string component, group, key;
+  bool instances;
+};
+KeyName NameOf(int i) {
+  return {"comp" + std::to_string(i % 10), "grp" + std::to_string(i / 100),
+          "key" + std::to_string((i / 10) % 10), (i / 10) % 10 == 4};
+}
+
+void WriteSchemas() {
+  const std::string dir = g_root + "/usr/lib/corvane/configstore/schemas";
+  boost::filesystem::create_directories(dir);
+  for (int i = 0; i < kKeyCounts[2]; ++i) {
+    const KeyName k = NameOf(i);
+    if (i % 10 != 0) continue;  // one file per (component, group, key)
+    for (int c = 0; c < 10; ++c) {
+      const std::string comp = "comp" + std::to_string(c);
+      std::string text = "{\"component\": \"" + comp + "\", \"group\": \"" + k.group +
+                         "\", \"key\": \"" + k.key + "\", ";
+      text += k.instances ? std::string("\"singleton\": false, \"instanceId\": \"name\", \"schema\": ") +
+                                kInstanceSchema
+                          : std::string("\"singleton\": true, \"schema\": ") + kSingletonSchema;
+      WriteText(dir + "/" + comp + "." + k.group + "." + k.key + ".json", text + "}");
+    }
+  }
+  WriteText(dir + "/bench.nat.json",
+            std::string(R"({"component": "bench", "group": "inst", "key": "nat", "singleton": false,
+                             "instanceId": "name", "schema": )") + kInstanceSchema + "}");
+  WriteText(dir + "/bench.gen.json",
+            std::string(R"({"component": "bench", "group": "inst", "key": "gen", "singleton": false,
+                             "instanceId": "cs_generated_id", "schema": )") + kInstanceSchema + "}");
+}
+
+// Text of a document of `keys` keys; with `drift`, one key in a hundred
+// differs in one property.
+std::string KeysDocument(int keys, bool drift) {
+  std::map<std::string, std::map<std::string, std::string>> tree;
+  for (int i = 0; i < keys; ++i) {
+    const KeyName k = NameOf(i);
+    const int count = i + (drift && i % 100 == 50 ? 1 : 0);
+    std::string value;
+    if (k.instances) {
+      value = "[";
+      for (int j = 0; j < 3; ++j)
+        value += std::string(j ? "," : "") + "{\"name\": \"i" + std::to_string(j) + "\", \"v\": " +
+                 std::to_string(j ? i : count) + ", \"tags\": [\"a\", \"b\"]}";
+      value += "]";
+    } else {
+      value = "{\"name\": \"key " + std::to_string(i) + "\", \"count\": " + std::to_string(count) +
+              ", \"enabled\": true, \"tags\": [\"x\", \"y\", \"z\"], \"limits\": {\"soft\": 10, "
+              "\"hard\": 20}}";
+    }
+    std::string& group = tree[k.component][k.group];
+    group += (group.empty() ? "" : ", ") + ("\"" + k.key + "\": " + value);
+  }
+  std::string text = "{";
+  for (auto& c : tree) {
+    text += (text.size() > 1 ? ", \"" : "\"") + c.first + "\": {";
+    bool first = true;
+    for (auto& g : c.second) {
+      text += (first ? "\"" : ", \"") + g.first + "\": {" + g.second + "}";
+      first = false;
+    }
+    text += "}";
+  }
+  return text + "}";
+}
+
+// One key of `n` instances (natural or generated identifiers); with
+// `drift`, one instance in a hundred differs.
+std::string InstancesDocument(const char* key, int n, bool drift) {
+  const bool generated = std::string(key) == "gen";
+  std::string text = std::string("{\"bench\": {\"inst\": {\"") + key + "\": [";
+  for (int j = 0; j < n; ++j) {
+    const int v = j + (drift && j % 100 == 50 ? n : 0);
+    text += std::string(j ? "," : "") + "{\"" + (generated ? "cs_generated_id" : "name") +
+            "\": \"i" + std::to_string(j) + "\", \"v\": " + std::to_string(v) +
+            ", \"tags\": [\"a\", \"b\"]}";
+  }
+  return text + "]}}}";
+}
+
+class NoopHandler : public DriftHandler {};
+
+struct Case {
+  std::string desired, host;
+};
+
+std::map<std::string, Case>& Cases() {
+  static std::map<std::string, Case> cases;
+  return cases;
+}
+
+void Parse(const std::string& text, rapidjson::Document& doc) {
+  doc.Parse(text.c_str(), text.size());
+  if (doc.HasParseError()) std::abort();
+}
+
+void BM_Parse(benchmark::State& state, const std::string& name) {
+  const Case& c = Cases()[name];
+  for (auto _ : state) {
+    rapidjson::Document desired, host;
+    Parse(c.desired, desired);
+    Parse(c.host, host);
+    benchmark::DoNotOptimize(host.MemberCount());
+  }
+}
+
+void BM_ComputeDrift(benchmark::State& state, const std::string& name) {
+  const Case& c = Cases()[name];
+  rapidjson::Document desired;
+  Parse(c.desired, desired);
+  auto host = std::make_shared<QenConfigStore::JsonDoc>();
+  Parse(c.host, host->GetDocument());
+  NoopHandler handler;
+  for (auto _ : state) {
+    handler.currentDocument = host;
+    ComputeDrift(desired, desired.GetAllocator(), handler);
+  }
+}
+
+// Both passes of the walk alone (no schema store or connection set-up).
+void BM_Walk(benchmark::State& state, const std::string& name) {
+  const Case& c = Cases()[name];
+  rapidjson::Document desired, host;
+  Parse(c.desired, desired);
+  Parse(c.host, host);
+  auto store = QenSchemaStore::SchemaStore::GetStore();
+  auto connection = QenConfigStore::GetDBStore(0, true);
+  NoopHandler handler;
+  for (auto _ : state) {
+    computeComponents(desired, host, desired.GetAllocator(), store, handler, connection, false);
+    computeComponents(host, desired, desired.GetAllocator(), store, handler, connection, true);
+  }
+}
+
+long RssKb(const char* field) {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.compare(0, std::strlen(field), field) == 0) return std::atol(line.c_str() + std::strlen(field));
+  return -1;
+}
+
+// Runs in a child process so that the high-water mark belongs to this
+// measurement alone. Returns peak extra / parsed documents, or -1.
+double MemoryRatio(const std::string& name, long* docsKb, long* extraKb) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    QenSchemaStore::SchemaStore::GetStore();
+    const Case& c = Cases()[name];
+    const long before = RssKb("VmRSS:");
+    rapidjson::Document desired;
+    auto host = std::make_shared<QenConfigStore::JsonDoc>();
+    Parse(c.desired, desired);
+    Parse(c.host, host->GetDocument());
+    const long parsed = RssKb("VmRSS:");
+    WriteText("/proc/self/clear_refs", "5");  // resets VmHWM
+    ComplianceResult result;
+    CheckComplianceHandler handler(&result);
+    handler.checkDefaultUserConfig = false;
+    handler.currentDocument = host;
+    host.reset();
+    ComputeDrift(desired, desired.GetAllocator(), handler);
+    long figures[2] = {parsed - before, RssKb("VmHWM:") - parsed};
+    if (write(fds[1], figures, sizeof figures) != sizeof figures) _exit(1);
+    _exit(0);
+  }
+  close(fds[1]);
+  long figures[2] = {0, 0};
+  const bool ok = read(fds[0], figures, sizeof figures) == sizeof figures;
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (!ok || figures[0] <= 0) return -1;
+  *docsKb = figures[0];
+  *extraKb = figures[1];
+  return static_cast<double>(figures[1]) / figures[0];
+}
+
+// Keeps every result's real time per iteration for the ratios.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) times[run.benchmark_name()] = run.GetAdjustedRealTime();
+    ConsoleReporter::ReportRuns(runs);
+  }
+  double Time(const std::string& name) const {
+    auto it = times.find(name);
+    return it == times.end() ? 0 : it->second;
+  }
+  std::map<std::string, double> times;
+};
+
+void Register(const std::string& name, const std::string& desired, const std::string& host) {
+  Cases()[name] = {desired, host};
+  benchmark::RegisterBenchmark(("Parse/" + name).c_str(), BM_Parse, name)->Unit(benchmark::kMicrosecond);
+  benchmark::RegisterBenchmark(("ComputeDrift/" + name).c_str(), BM_ComputeDrift, name)
+      ->Unit(benchmark::kMicrosecond);
+  benchmark::RegisterBenchmark(("Walk/" + name).c_str(), BM_Walk, name)->Unit(benchmark::kMicrosecond);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  char tmpl[] = "/tmp/qen-bench-drift-XXXXXX";
+  if (!mkdtemp(tmpl)) return 1;
+  g_root = tmpl;
+  QenPlatform::SetHostRoot(g_root);
+  WriteSchemas();
+  if (!QenSchemaStore::SchemaStore::GetStore()) return 1;
+
+  for (int keys : kKeyCounts) {
+    const std::string host = KeysDocument(keys, false);
+    for (int drift : {0, 1})
+      Register("keys:" + std::to_string(keys) + "/drift:" + std::to_string(drift),
+               drift ? KeysDocument(keys, true) : host, host);
+  }
+  for (const char* key : {"nat", "gen"}) {
+    for (int n : kInstanceCounts) {
+      const std::string host = InstancesDocument(key, n, false);
+      for (int drift : {0, 1})
+        Register(std::string(key) + ":" + std::to_string(n) + "/drift:" + std::to_string(drift),
+                 drift ? InstancesDocument(key, n, true) : host, host);
+    }
+  }
+
+  benchmark::Initialize(&argc, argv);
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+
+  auto ratio = [&](const char* label, const std::string& a, const std::string& b, double scale,
+                   double goal) {
+    const double ta = reporter.Time(a), tb = reporter.Time(b);
+    if (ta <= 0 || tb <= 0) return;
+    std::printf("%-58s %6.3f  (goal <= %.2f)\n", label, ta / (scale * tb), goal);
+  };
+  std::printf("\nRatios (same run)\n");
+  for (auto& entry : Cases()) {
+    const std::string& name = entry.first;
+    ratio(("ComputeDrift/parse " + name).c_str(), "ComputeDrift/" + name, "Parse/" + name, 1, 0.3);
+  }
+  for (const char* key : {"nat", "gen"})
+    for (int drift : {0, 1}) {
+      const std::string suffix = "/drift:" + std::to_string(drift);
+      ratio((std::string("linear ") + key + " walk 10k / (100 x walk 100)" + suffix).c_str(),
+            std::string("Walk/") + key + ":10000" + suffix, std::string("Walk/") + key + ":100" + suffix,
+            100, 1.2);
+    }
+  for (auto& entry : Cases()) {
+    const std::string& name = entry.first;
+    const size_t at = name.find("/drift:1");
+    if (at == std::string::npos) continue;
+    const std::string base = name.substr(0, at);
+    ratio(("drift cost walk 1% / 0% " + base).c_str(), "Walk/" + name, "Walk/" + base + "/drift:0",
+          1, 1.3);
+  }
+  long docsKb = 0, extraKb = 0;
+  const double memory = MemoryRatio("keys:100000/drift:1", &docsKb, &extraKb);
+  if (memory >= 0)
+    std::printf("%-58s %6.3f  (goal <= 2.00; documents %ld KiB, peak extra %ld KiB)\n",
+                "memory compliance walk keys:100000/drift:1", memory, docsKb, extraKb);
+
+  boost::system::error_code ec;
+  boost::filesystem::remove_all(g_root, ec);
+  return 0;
+}
