@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the JSON Schema Test Suite (npm package json-schema-test-suite)
+# Installs the JSON Schema Test Suite (npm package json-schema-test-suite,
+# pinned so that the expected pass counts stay put)
 # into the directory given as $1, for the validator's conformance test
 # (QEN_SCHEMA_SUITE_DIR, or ${QEN_BINARY_DIR}/schema-suite). Idempotent: an
 # existing install is kept.
@@ -17,7 +18,7 @@ if ! command -v npm >/dev/null 2>&1; then
   exit 1
 fi
 mkdir -p "$DIR"
-npm install --prefix "$DIR" --no-audit --no-fund --no-save --loglevel=error json-schema-test-suite </dev/null
+npm install --prefix "$DIR" --no-audit --no-fund --no-save --loglevel=error json-schema-test-suite@0.0.10 </dev/null
 if [ ! -d "$DIR/node_modules/json-schema-test-suite/tests/draft4" ]; then
   echo "error: json-schema-test-suite installed into $DIR has no tests/draft4 directory" >&2
   exit 1

@@ -201,8 +201,9 @@ TEST(Validate, TenThousandLevelsNeitherOverflowNorPass) {
   EXPECT_EQ(Brief(R"({"allOf": [{"$ref": "#"}]})", "1"), ":30 ");
 }
 
-TEST(Validate, PatternsMatchMegabyteStringsWithoutExhaustingTheStack) {
-  std::string longText(1 << 20, 'a');
+TEST(Validate, PatternsMatchLongStringsWithoutExhaustingTheStack) {
+  // Far beyond the ~25,000 characters that overflow the backtracking matcher.
+  std::string longText(200000, 'a');
   EXPECT_EQ(Brief(R"({"pattern": "^(a|b)+$"})", "\"" + longText + "\""), "");
   EXPECT_EQ(Brief(R"({"pattern": "^(a|b)+$"})", "\"" + longText + "!\""), ":19 ");
   EXPECT_EQ(Brief(R"({"patternProperties": {"^a+$": {"type": "null"}}})", "{\"" + longText + "\": 1}"),
