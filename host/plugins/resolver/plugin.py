@@ -53,10 +53,10 @@ def extract(call):
 
 def apply(call):
     for item in call.request.GetData():
-        if item.operation == "DELETE":
-            _write({"servers": [], "search": []})
-        else:
-            _write(item.object.GetValue())
+        value = {"servers": [], "search": []} if item.operation == "DELETE" else item.object.GetValue()
+        _write(value)
+        # What the host now has is the key's current value.
+        call.store.SetObject(item.object.GetConfigStoreObjectId(), value)
 
 
 def impact(call):

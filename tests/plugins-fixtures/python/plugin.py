@@ -3,7 +3,7 @@ behaviour (see tests/plugins-fixtures/README.md); every operation obeys it."""
 
 import json
 import os
-import signal
+import sys
 import time
 
 import qenplugin
@@ -17,7 +17,7 @@ def _echo(call):
     request = call.request
     seen = {"id": request.GetId(), "type": request.GetType(), "version": request.GetVersion(),
             "taskId": request.GetTaskId(), "context": request.GetClusterContext(),
-            "pid": os.getpid(), "environ": dict(os.environ)}
+            "pid": os.getpid(), "environ": dict(os.environ), "argv": sys.argv}
     if request.GetType() in ("APPLY", "IMPACT"):
         seen["data"] = [{
             "id": [i.object.id.component, i.object.id.group, i.object.id.key, i.object.id.instance],

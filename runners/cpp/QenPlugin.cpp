@@ -1,0 +1,124 @@
+#include "QenPlugin.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include <boost/filesystem.hpp>
+
+#include "HostRoot.h"
+
+namespace QenPlugin {
+
+Call::~Call() = default;
+
+std::string Call::HostPath(const std::string& logical) { return QenPlatform::HostPath(logical); }
+
+void Call::WriteHostFile(const std::string& logical, const std::string& text, int mode) {
+  const std::string path = HostPath(logical);
+  const std::string temporary = path + ".new";
+  boost::system::error_code ec;
+  boost::filesystem::create_directories(boost::filesystem::path(path).parent_path(), ec);
+  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+  if (fd < 0) throw std::runtime_error("cannot write " + logical + ": " + std::strerror(errno));
+  size_t written = 0;
+  while (written < text.size()) {
+    ssize_t n = write(fd, text.data() + written, text.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      int err = errno;
+      close(fd);
+      unlink(temporary.c_str());
+      throw std::runtime_error("cannot write " + logical + ": " + std::strerror(err));
+    }
+    written += static_cast<size_t>(n);
+  }
+  // The mode argument is filtered by the umask; the file's mode is the plugin's decision.
+  fchmod(fd, static_cast<mode_t>(mode));
+  if (close(fd) != 0 || rename(temporary.c_str(), path.c_str()) != 0) {
+    int err = errno;
+    unlink(temporary.c_str());
+    throw std::runtime_error("cannot write " + logical + ": " + std::strerror(err));
+  }
+}
+
+bool Call::ReadHostFile(const std::string& logical, std::string& text) {
+  const std::string path = HostPath(logical);
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    if (errno == ENOENT) return false;
+    throw std::runtime_error("cannot read " + logical + ": " + std::strerror(errno));
+  }
+  std::ostringstream content;
+  content << in.rdbuf();
+  text = content.str();
+  return true;
+}
+
+QenConfigStore::ConfigStore& Call::Store() {
+  if (!store_) {
+    store_ = QenConfigStore::ConfigStore::GetStore();
+    if (!store_) throw std::runtime_error("the configuration store is not available");
+  }
+  return *store_;
+}
+
+void Call::RecordApplied(const ConfigStoreObjectId& id, const rapidjson::Value& value) {
+  QenConfigStore::StoreObject object(id, value);
+  Store().SetObject(object);
+}
+
+void ApplyCall::Save(const std::string& physicalPath) const {
+  QenConfigManager::SaveErrorResult(error, physicalPath);
+}
+
+void ImpactCall::AddImpact(const ConfigStoreObjectId& id, Impact impact, bool quickBootSupported) {
+  QenConfigManager::ImpactPluginInfo info;
+  info.impact = impact;
+  info.key = id.GetKey();
+  info.component = id.GetComponent();
+  info.group = id.GetGroup();
+  info.instanceId = id.GetInstanceId();
+  info.quickBootSupported = quickBootSupported;
+  result_.impacts.push_back(std::move(info));
+}
+
+void ImpactCall::Save(const std::string& physicalPath) const {
+  QenConfigManager::ImpactPluginResult result = result_;
+  result.errorInfo = error;
+  result.Save(physicalPath);
+}
+
+void ExtractCall::AddObject(const ConfigStoreObjectId& id, const rapidjson::Value& value) {
+  result_.objects.push_back(std::make_shared<ConfigStoreObject>(id, value));
+}
+
+void ExtractCall::Save(const std::string& physicalPath) const {
+  QenConfigManager::ExtractPluginResult result = result_;
+  result.errorInfo = error;
+  result.Save(physicalPath);
+}
+
+void ValidateCall::AddError(const std::string& name, const std::string& msgId, std::list<std::string> args) {
+  ErrorInfo info(msgId, std::move(args));
+  for (auto& entry : result_.results) {
+    if (entry.name == name) {
+      entry.errors.push_back(std::move(info));
+      return;
+    }
+  }
+  result_.results.push_back({name, {std::move(info)}});
+}
+
+void ValidateCall::Save(const std::string& physicalPath) const {
+  QenConfigManager::ValidationPluginResult result = result_;
+  result.errorInfo = error;
+  result.Save(physicalPath);
+}
+
+}  // namespace QenPlugin
