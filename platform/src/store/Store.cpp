@@ -159,24 +159,15 @@ ConfigMapList DesiredContents(const std::shared_ptr<DBStore::StoreConnection>& c
                               const char* scope) {
   Impl& impl = Of(conn);
   std::lock_guard<std::recursive_mutex> lock(impl.mutex);
-  if (GetMeta(impl, std::string("desiredMode.") + scope, "overlay") == "document") {
-    Cursor c(impl,
-             "SELECT d.component, d.grp, d.name, d.identifier, d.value, o.autoconf_value"
-             " FROM desired_object d LEFT JOIN config_object o ON o.scope = d.scope AND"
-             " o.component = d.component AND o.grp = d.grp AND o.name = d.name AND"
-             " o.identifier = d.identifier"
-             " WHERE d.scope = ?1 AND d.op = 'SET'"
-             " ORDER BY d.component, d.grp, d.name, d.ordinal, d.identifier");
-    c.Bind(1, std::string(scope));
-    return ReadMaps(c);
-  }
-  // Staged keys replace the current key as a whole; a staged deletion
-  // (op 'DELETE') removes it.
+  // Staged values: in mode "document" alone; in mode "overlay" they replace
+  // the current key as a whole, and a staged deletion (op 'DELETE') removes
+  // it.
   Cursor c(impl,
            "SELECT component, grp, name, identifier, value, autoconf, ordinal FROM ("
            " SELECT o.component, o.grp, o.name, o.identifier, o.current_value AS value,"
            "  o.autoconf_value AS autoconf, o.ordinal FROM config_object o"
-           "  WHERE o.scope = ?1 AND o.category = 'user' AND o.current_value IS NOT NULL AND"
+           "  WHERE ?2 <> 'document' AND o.scope = ?1 AND o.category = 'user' AND"
+           "  o.current_value IS NOT NULL AND"
            "  NOT EXISTS (SELECT 1 FROM desired_object d WHERE d.scope = o.scope AND"
            "   d.component = o.component AND d.grp = o.grp AND d.name = o.name)"
            " UNION ALL"
@@ -186,7 +177,7 @@ ConfigMapList DesiredContents(const std::shared_ptr<DBStore::StoreConnection>& c
            "  o.identifier = d.identifier"
            "  WHERE d.scope = ?1 AND d.op = 'SET')"
            " ORDER BY component, grp, name, ordinal, identifier");
-  c.Bind(1, std::string(scope));
+  c.Bind(1, std::string(scope)).Bind(2, GetMeta(impl, std::string("desiredMode.") + scope, "overlay"));
   return ReadMaps(c);
 }
 
