@@ -66,6 +66,9 @@ const CMErrorTable& ErrorIdTable() {
 
 namespace {
 
+// The tables are built when the library is loaded, not on first use.
+[[maybe_unused]] const bool kTablesBuilt = (ErrorMessageTable(), ErrorIdTable(), true);
+
 struct FreeDeleter {
   void operator()(char* p) const { free(p); }
 };
@@ -110,16 +113,19 @@ void ThrowException(CMErrorCodes code, A argument) {
   throw E(base);
 }
 
-template QCM_EXPORT void ThrowException<ConfigManagerException>(CMErrorCodes);
-template QCM_EXPORT void ThrowException<ConfigManagerException, char*>(CMErrorCodes, char*);
-template QCM_EXPORT void ThrowException<ConfigManagerException, const char*>(CMErrorCodes, const char*);
-template QCM_EXPORT void ThrowException<ConfigManagerException, std::string>(CMErrorCodes, std::string);
-template QCM_EXPORT void ThrowException<InvalidImpact>(CMErrorCodes);
-template QCM_EXPORT void ThrowException<HostNotInMM>(CMErrorCodes);
-template QCM_EXPORT void ThrowException<HostInDBM>(CMErrorCodes);
-template QCM_EXPORT void ThrowException<InvalidArgumentException>(CMErrorCodes);
-template QCM_EXPORT void ThrowException<InvalidArgumentException, const char*>(CMErrorCodes, const char*);
-template QCM_EXPORT void ThrowException<SchemaNotFound, const char*>(CMErrorCodes, const char*);
+// Every class with every argument type, so that no raise site fails to link.
+#define QCM_INSTANTIATE_THROW(E)                                                  \
+  template QCM_EXPORT void ThrowException<E>(CMErrorCodes);                       \
+  template QCM_EXPORT void ThrowException<E, char*>(CMErrorCodes, char*);         \
+  template QCM_EXPORT void ThrowException<E, const char*>(CMErrorCodes, const char*); \
+  template QCM_EXPORT void ThrowException<E, std::string>(CMErrorCodes, std::string);
+QCM_INSTANTIATE_THROW(ConfigManagerException)
+QCM_INSTANTIATE_THROW(InvalidImpact)
+QCM_INSTANTIATE_THROW(HostNotInMM)
+QCM_INSTANTIATE_THROW(HostInDBM)
+QCM_INSTANTIATE_THROW(InvalidArgumentException)
+QCM_INSTANTIATE_THROW(SchemaNotFound)
+#undef QCM_INSTANTIATE_THROW
 
 // ErrorInfo value semantics. Serialisation lives in the platform's plugin
 // support library.

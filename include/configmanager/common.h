@@ -123,7 +123,9 @@ class QCM_EXPORT ErrorInfo {
   std::string Serialize() const;
   // Reads the JSON form; throws std::exception on text that is not one.
   void Deserialize(const std::string& text);
-  static ErrorInfo Load(const std::string& text);
+  // Reads an apply result file (physical path, {"error": {...}}); throws
+  // std::exception when it cannot.
+  static ErrorInfo Load(const std::string& path);
   void convertToJson(rapidjson::Value& out, rapidjson::Document::AllocatorType& alloc) const;
   // Reads the JSON form from a value; throws std::exception on a bad shape.
   static ErrorInfo FromJson(const rapidjson::Value& value);

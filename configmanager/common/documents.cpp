@@ -1,0 +1,217 @@
+// Configuration document functions: parsing, writing, comparing, building
+// documents from store map lists.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+#include <unordered_set>
+
+#include <boost/filesystem.hpp>
+
+#include "CSLogger.h"
+#include "HostRoot.h"
+#include "configmanager/common.h"
+
+namespace QenConfigManager {
+namespace {
+
+// Deeper documents are refused as unparsable: the drift walk, the writers and
+// the comparisons all recurse per level, so unbounded nesting would let one
+// hostile document overflow the stack.
+constexpr unsigned kMaxNesting = 512;
+
+// Forwards the reader's events to the document, stopping past kMaxNesting.
+class NestingLimit {
+ public:
+  explicit NestingLimit(rapidjson::Document& doc) : doc_(doc) {}
+
+  bool Null() { return doc_.Null(); }
+  bool Bool(bool b) { return doc_.Bool(b); }
+  bool Int(int i) { return doc_.Int(i); }
+  bool Uint(unsigned u) { return doc_.Uint(u); }
+  bool Int64(int64_t i) { return doc_.Int64(i); }
+  bool Uint64(uint64_t u) { return doc_.Uint64(u); }
+  bool Double(double d) { return doc_.Double(d); }
+  bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) { return doc_.RawNumber(s, n, copy); }
+  bool String(const char* s, rapidjson::SizeType n, bool copy) { return doc_.String(s, n, copy); }
+  bool Key(const char* s, rapidjson::SizeType n, bool copy) { return doc_.Key(s, n, copy); }
+  bool StartObject() { return ++depth_ <= kMaxNesting && doc_.StartObject(); }
+  bool EndObject(rapidjson::SizeType n) { --depth_; return doc_.EndObject(n); }
+  bool StartArray() { return ++depth_ <= kMaxNesting && doc_.StartArray(); }
+  bool EndArray(rapidjson::SizeType n) { --depth_; return doc_.EndArray(n); }
+
+ private:
+  rapidjson::Document& doc_;
+  unsigned depth_ = 0;
+};
+
+// Parses one root value (white space around it only) into `doc`; false on
+// any parse error. The iterative reader keeps the parse itself off the call
+// stack.
+bool ParseText(const std::string& text, rapidjson::Document& doc) {
+  bool ok = false;
+  auto generate = [&text, &ok](rapidjson::Document& target) {
+    rapidjson::MemoryStream memory(text.data(), text.size());
+    rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> stream(memory);
+    NestingLimit handler(target);
+    rapidjson::Reader reader;
+    ok = !reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler).IsError();
+    // The reader takes a NUL byte for the end of the text; JSON never holds
+    // one, so anything after it is trailing content.
+    ok = ok && memory.Tell() == text.size();
+    return ok;
+  };
+  doc.Populate(generate);
+  return ok;
+}
+
+const std::string& MapMember(const std::shared_ptr<ConfigMap>& map, const std::string& name) {
+  static const std::string kEmpty;
+  if (!map) return kEmpty;
+  auto it = map->find(name);
+  return it == map->end() ? kEmpty : it->second;
+}
+
+}  // namespace
+
+std::shared_ptr<QenConfigStore::JsonDoc> CreateDocument() {
+  return std::make_shared<QenConfigStore::JsonDoc>();
+}
+
+std::shared_ptr<QenConfigStore::JsonDoc> CreateDocumentFromString(const std::string& text) {
+  auto doc = CreateDocument();
+  ParseDocument(text, doc->GetDocument());
+  return doc;
+}
+
+void ParseDocument(const std::string& text, rapidjson::Document& doc) {
+  if (!ParseText(text, doc)) ThrowException<InvalidArgumentException>(PARSE_ERROR);
+}
+
+void CreateDocumentFromFile(const char* path, rapidjson::Document& doc) {
+  const std::string logical = path ? path : "";
+  // A missing, unreadable or empty file reads as "", a parse error like any other.
+  std::string text;
+  std::ifstream in(QenPlatform::HostPath(logical), std::ios::binary);
+  if (in) {
+    std::ostringstream content;
+    content << in.rdbuf();
+    if (!in.bad()) text = content.str();
+  }
+  if (!ParseText(text, doc)) ThrowException<ConfigManagerException>(PARSE_ERROR, logical);
+}
+
+void CreateFileFromDocument(const char* path, const rapidjson::Document& doc) {
+  if (!path) return;
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  doc.Accept(writer);
+  // Documents carry configuration values: new files are for the owner only.
+  int fd = open(QenPlatform::HostPath(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return;
+  const char* data = buffer.GetString();
+  size_t left = buffer.GetSize();
+  while (left > 0) {
+    ssize_t n = write(fd, data, left);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    data += n;
+    left -= static_cast<size_t>(n);
+  }
+  close(fd);
+}
+
+void SerializeValue(const rapidjson::Value& value, std::string& out) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  value.Accept(writer);
+  out.assign(buffer.GetString(), buffer.GetSize());
+}
+
+void AddMember(rapidjson::Document* doc, rapidjson::Value* object, const std::string& name,
+               rapidjson::Value* value) {
+  RAPIDJSON_ASSERT(doc != nullptr);
+  RAPIDJSON_ASSERT(object != nullptr);
+  RAPIDJSON_ASSERT(value != nullptr);
+  RAPIDJSON_ASSERT(object->IsObject());
+  auto& alloc = doc->GetAllocator();
+  rapidjson::Value key(name.c_str(), static_cast<rapidjson::SizeType>(name.size()), alloc);
+  object->AddMember(key, *value, alloc);
+}
+
+bool IsEqualArray(const rapidjson::Value& a, const rapidjson::Value& b) {
+  if (!a.IsArray() || !b.IsArray() || a.Size() != b.Size()) return false;
+  std::vector<bool> used(b.Size(), false);
+  for (const auto& elem : a.GetArray()) {
+    bool found = false;
+    for (rapidjson::SizeType i = 0; i < b.Size(); ++i) {
+      // RapidJSON's equality: objects regardless of member order, arrays in order.
+      if (!used[i] && elem == b[i]) {
+        used[i] = true;
+        found = true;
+        break;
+      }
+    }
+    if (!found) return false;
+  }
+  return true;
+}
+
+std::shared_ptr<QenConfigStore::JsonDoc> CreateDocumentFromMap(const ConfigMapVector& maps) {
+  auto result = CreateDocument();
+  rapidjson::Document& out = result->GetDocument();
+  if (maps.empty()) return result;
+  if (maps.size() == 1 && MapMember(maps[0], "Identifier").empty()) {
+    ParseDocument(MapMember(maps[0], "Value"), out);
+    return result;
+  }
+  auto& alloc = out.GetAllocator();
+  out.SetArray();
+  out.Reserve(static_cast<rapidjson::SizeType>(maps.size()), alloc);
+  for (const auto& map : maps) {
+    // Parsed straight into the result's pool, so moving it in is the copy.
+    rapidjson::Document element(&alloc);
+    ParseDocument(MapMember(map, "Value"), element);
+    out.PushBack(element.Move(), alloc);
+  }
+  return result;
+}
+
+void FilterSolutionUserInstances(ConfigMapVector& maps, std::shared_ptr<SchemaObject> schema) {
+  if (maps.empty()) return;
+  if (!schema) ThrowException<ConfigManagerException>(SCHEMA_NOT_FOUND, std::string());
+  if (!schema->IsNonSingleton() || schema->GetInstanceIdField() == "cs_generated_id") return;
+  const std::vector<std::string> solution = schema->GetSolutionUserInstances();
+  if (solution.empty()) return;
+  const std::unordered_set<std::string> drop(solution.begin(), solution.end());
+  maps.erase(std::remove_if(maps.begin(), maps.end(),
+                            [&drop](const std::shared_ptr<ConfigMap>& map) {
+                              return drop.count(MapMember(map, "Identifier")) != 0;
+                            }),
+             maps.end());
+}
+
+bool fileExists(const std::string& path) {
+  boost::system::error_code ec;
+  boost::filesystem::file_status st = boost::filesystem::status(QenPlatform::HostPath(path), ec);
+  if (st.type() == boost::filesystem::file_not_found) return false;
+  if (st.type() == boost::filesystem::status_error) {
+    CSLogger::Log(0, "Failed to query the status of \"%s\", error code: %d, error message: \"%s\"",
+                  path.c_str(), ec.value(), ec.message().c_str());
+    return false;
+  }
+  return st.type() == boost::filesystem::regular_file;
+}
+
+}  // namespace QenConfigManager
+
+std::string JsonToString(const rapidjson::Value& value) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+  writer.SetIndent(' ', 3);
+  value.Accept(writer);
+  return std::string(buffer.GetString(), buffer.GetSize());
+}

@@ -1,0 +1,38 @@
+// qenconfig host: status of the host (maintenance mode, quick boot, BIOS UUID).
+#include <iostream>
+
+#include "Commands.h"
+#include "configmanager/common.h"
+
+namespace {
+
+const char* QuickBootName(QenConfigManager::QUICK_BOOT_STATUS status) {
+  switch (status) {
+    case QenConfigManager::QUICKBOOT_UNSUPPORTED: return "QUICKBOOT_UNSUPPORTED";
+    case QenConfigManager::QUICKBOOT_SUPPORTED: return "QUICKBOOT_SUPPORTED";
+    case QenConfigManager::QUICKBOOT_STM_SUPPORTED: return "QUICKBOOT_STM_SUPPORTED";
+  }
+  return "unknown";
+}
+
+qenconfig::Registrar reg([](CLI::App& app) {
+  auto* host = app.add_subcommand("host", "The host's status");
+  host->require_subcommand(1);
+
+  auto* status = host->add_subcommand("status", "Show maintenance mode, quick-boot capability and BIOS UUID");
+  status->callback([] {
+    qenconfig::Exit(qenconfig::Run([] {
+      // Query everything first so a failure prints no partial report.
+      const bool maintenance = QenConfigManager::IsMaintenanceModeEnabled();
+      const QenConfigManager::QUICK_BOOT_STATUS quickBoot = QenConfigManager::FetchQuickBootStatus();
+      const std::string uuid = QenConfigManager::GetBIOSUUID();
+      std::cout << "maintenance mode: " << (maintenance ? "enabled" : "disabled") << "\n"
+                << "quick boot: " << QuickBootName(quickBoot) << " (" << static_cast<int>(quickBoot)
+                << ")\n"
+                << "BIOS UUID: " << uuid << "\n";
+      return qenconfig::kOk;
+    }));
+  });
+});
+
+}  // namespace
