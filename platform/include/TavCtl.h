@@ -46,7 +46,8 @@ class SshConfig {
   SshConfig& operator=(const SshConfig&) = delete;
 
   // Reads the files and writes every object that differs from the store's
-  // current value, in one transaction. True when something was written;
+  // current value, in one transaction (for authorized keys, a stored user
+  // whose keys file is gone is deleted). True when something was written;
   // false when not running, when the files are absent or when the store
   // already holds the same values. Throws a std::exception naming the file
   // or the store failure.
@@ -56,6 +57,9 @@ class SshConfig {
   // The objects of this source: {instance id ("" for a singleton) -> value}.
   virtual void ReadFiles(rapidjson::Document& objects) const = 0;
   virtual const char* Key() const = 0;
+  // Whether the files name every instance, so that a stored instance
+  // without a file is removed.
+  virtual bool HoldsInstances() const { return false; }
 
  private:
   int systemState_;
@@ -73,6 +77,7 @@ class SshAuthKeysConfigImpl : public SshConfig {
  protected:
   void ReadFiles(rapidjson::Document& objects) const override;
   const char* Key() const override { return "authorized_keys"; }
+  bool HoldsInstances() const override { return true; }
 };
 
 class SshClientConfigImpl : public SshConfig {

@@ -69,6 +69,24 @@ TEST_F(SshSyncTest, AuthorizedKeysPerUser) {
                 "SSH configuration written to the config store: comp system grp ssh key authorized_keys id root"});
 }
 
+TEST_F(SshSyncTest, UserWithoutKeysFileIsRemoved) {
+  SshAuthKeysConfigImpl keys(SYSTEM_STATE_RUNNING);
+  EXPECT_TRUE(keys.UpgradeConfigToConfigStore());
+  ASSERT_EQ(::unlink(Path("/etc/ssh/keys-operator/authorized_keys").c_str()), 0);
+  log_.Clear();
+  EXPECT_TRUE(keys.UpgradeConfigToConfigStore());
+  EXPECT_EQ(Stored("authorized_keys", "operator"), "");
+  EXPECT_NE(Stored("authorized_keys", "root"), "");
+  EXPECT_EQ(log_.Texts(3),
+            std::vector<std::string>{
+                "SSH configuration removed from the config store: comp system grp ssh key authorized_keys id operator"});
+
+  ASSERT_EQ(::unlink(Path("/etc/ssh/keys-root/authorized_keys").c_str()), 0);
+  EXPECT_TRUE(keys.UpgradeConfigToConfigStore());
+  EXPECT_EQ(Stored("authorized_keys", "root"), "");
+  EXPECT_FALSE(keys.UpgradeConfigToConfigStore());
+}
+
 TEST_F(SshSyncTest, NothingToSyncWhenBootingOrWithoutFiles) {
   EXPECT_FALSE(SshServerConfigImpl(SYSTEM_STATE_BOOT).UpgradeConfigToConfigStore());
   EXPECT_EQ(Stored("server"), "");

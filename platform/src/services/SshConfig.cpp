@@ -57,6 +57,24 @@ void AddConfigFile(const char* logical, rapidjson::Document& objects) {
   objects.AddMember("", value, objects.GetAllocator());
 }
 
+// Deletes the stored instances of system/ssh/<key> that `objects` does not name.
+bool DeleteStaleInstances(QenConfigStore::ConfigStore& store, const char* key,
+                          const rapidjson::Document& objects) {
+  bool deleted = false;
+  QenConfigStore::ConfigMapList maps = QenConfigStore::GetUserConfigContents(store.GetConnection());
+  for (const auto& map : *maps) {
+    if ((*map)["Component"] != "system" || (*map)["ConfigGroup"] != "ssh" || (*map)["Name"] != key)
+      continue;
+    const std::string& instance = (*map)["Identifier"];
+    if (objects.HasMember(instance)) continue;
+    QenConfigStore::ConfigStoreObjectId id(key, "ssh", "system", instance);
+    store.DeleteObject(id);
+    CSLogger::Log(3, "SSH configuration removed from the config store: %s", id.toString().c_str());
+    deleted = true;
+  }
+  return deleted;
+}
+
 }  // namespace
 
 void ParseSshConfig(const std::string& text, rapidjson::Value& out, Allocator& alloc) {
@@ -90,7 +108,7 @@ bool SshConfig::UpgradeConfigToConfigStore() {
   if (systemState_ != SYSTEM_STATE_RUNNING) return false;
   rapidjson::Document objects(rapidjson::kObjectType);
   ReadFiles(objects);
-  if (objects.MemberCount() == 0) return false;
+  if (objects.MemberCount() == 0 && !HoldsInstances()) return false;
 
   std::shared_ptr<QenConfigStore::ConfigStore> store = QenConfigStore::ConfigStore::GetStore();
   if (!store)
@@ -106,6 +124,7 @@ bool SshConfig::UpgradeConfigToConfigStore() {
     CSLogger::Log(3, "SSH configuration written to the config store: %s", id.toString().c_str());
     wrote = true;
   }
+  if (HoldsInstances()) wrote |= DeleteStaleInstances(*store, Key(), objects);
   if (wrote) transaction.Commit();
   return wrote;
 }
