@@ -17,7 +17,8 @@ struct DBStore::StoreConnection::Impl {
   sqlite3* db = nullptr;
   std::recursive_mutex mutex;
   int depth = 0;  // open transaction levels
-  std::unordered_map<std::string, sqlite3_stmt*> statements;
+  // Keyed by the SQL text's address: statements are string literals.
+  std::unordered_map<const char*, sqlite3_stmt*> statements;
   ~Impl();
 };
 
@@ -31,7 +32,8 @@ using Impl = DBStore::StoreConnection::Impl;
 // otherwise `code` with the operation text and SQLite's message.
 [[noreturn]] void FailSqlite(sqlite3* db, int rc, int code, const std::string& operation);
 
-// A cached prepared statement, reset and unbound when the cursor dies.
+// A cached prepared statement, reset and unbound when the cursor dies. `sql`
+// must be a string literal (it keys the cache).
 class Cursor {
  public:
   Cursor(Impl& impl, const char* sql);
