@@ -63,14 +63,8 @@ template <typename... Args>
 PluginLauncher::PluginLauncher(const std::string& id, int version, const std::string& operation,
                                const DesiredConfigInputList& inputs, const std::string& type,
                                std::string module)
-    : request(id, operation, module, version, inputs),
-      id(id),
-      operation(operation),
-      type(type),
-      start(std::chrono::steady_clock::now()) {
-  output.SetObject();
-  CheckAndLog(version, module);
-}
+    : PluginLauncher(PluginRequest(id, operation, module, version, inputs), id, version, operation, type,
+                     module) {}
 
 PluginLauncher::PluginLauncher(PluginRequest request, const std::string& id, int version,
                                const std::string& operation, const std::string& type,
