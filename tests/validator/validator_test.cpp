@@ -247,8 +247,11 @@ TEST(ValidateCMDocument, ChecksEachKeyAgainstItsSchemaWithDocumentPaths) {
 }
 
 TEST(ValidateCMDocument, BrokenKeySchemaIsAttributedToItsKey) {
-  rapidjson::Document schemaDoc = Parse(R"({"properties": {"profile": {"properties": {
-    "system": {"properties": {"time": {"properties": {"ntp": {"properties": {"servers": {"type": 7}}}}}}}}}}})");
+  // The per-host sections repeat the profile's schema; the broken key is reported once.
+  const std::string profile = R"({"properties": {"system": {"properties": {"time": {"properties": {
+    "ntp": {"properties": {"servers": {"type": 7}}}}}}}}})";
+  rapidjson::Document schemaDoc = Parse(R"({"properties": {"profile": )" + profile +
+                                        R"(, "host-specific": {"additionalProperties": )" + profile + "}}}");
   rapidjson::Document errors;
   V::ValidateCMDocument(schemaDoc, Parse(R"({"system": {"time": {"ntp": {"servers": []}}}})"), errors,
                         kDocumentCodes, "");

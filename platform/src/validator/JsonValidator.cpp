@@ -77,10 +77,13 @@ void JsonValidator::ValidateCMDocument(const rapidjson::Value& schemaDoc,
                                        const rapidjson::Value& value, rapidjson::Document& errors,
                                        const std::set<int>& codeSet, const std::string& prefix) {
   Engine engine(codeSet, errors, prefix);
-  CompiledSchema compiled(schemaDoc);
   const rapidjson::Value* rootProps = Member(schemaDoc, "properties");
   const rapidjson::Value* profileSchema = rootProps ? Member(*rootProps, "profile") : nullptr;
   bool wrapped = profileSchema != nullptr;
+  // The per-host sections repeat the profile's schema; only the profile is
+  // needed (and a broken key is then reported once).
+  CompiledSchema compiled = wrapped ? CompiledSchema(schemaDoc, *profileSchema, "#/properties/profile")
+                                    : CompiledSchema(schemaDoc);
   if (!compiled.Errors().empty()) {
     std::vector<std::string> names;
     for (const QenValidator::SchemaError& e : compiled.Errors()) {

@@ -79,8 +79,12 @@ std::string AppendPointer(const std::string& location, std::string_view token) {
   return out;
 }
 
-CompiledSchema::CompiledSchema(const rapidjson::Value& root) : doc_(root) {
-  root_ = Compile(root, "#", 0);
+CompiledSchema::CompiledSchema(const rapidjson::Value& root) : CompiledSchema(root, root, "#") {}
+
+CompiledSchema::CompiledSchema(const rapidjson::Value& root, const rapidjson::Value& start,
+                               const std::string& location)
+    : doc_(root) {
+  root_ = Compile(start, location, 0);
   CheckRefCycles();
 }
 

@@ -125,6 +125,10 @@ class CompiledSchema {
  public:
   // Compiles the whole document `root`; problems land in Errors().
   explicit CompiledSchema(const rapidjson::Value& root);
+  // Compiles only `start` (at `location`) and what it refers to; "$ref"s
+  // still resolve against `root`.
+  CompiledSchema(const rapidjson::Value& root, const rapidjson::Value& start,
+                 const std::string& location);
 
   const Node* Root() const { return root_; }
   // The node compiled from a schema value inside the document, or null.
