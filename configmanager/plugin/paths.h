@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "configmanager/common.h"
+
 #include "QenConfigStore.h"
 
 namespace QenConfigManager {
@@ -16,6 +18,11 @@ constexpr const char* kSchemaDirectory = "/usr/lib/corvane/configmanager/plugin_
 // Splits "COMPONENT:GROUP:KEY" (runs of ":" count as one, pieces beyond the
 // third are ignored). False when there are fewer than three pieces.
 bool ParseObjectString(const std::string& text, QenConfigStore::ConfigStoreObjectId& out);
+
+// Reads and parses the file at `path` (on this machine, not mapped) with the
+// document library's nesting limit. Sets `opened` to whether the file could
+// be opened; false when it could not be opened or is not one JSON document.
+bool ReadJsonFile(const std::string& path, rapidjson::Document& doc, bool& opened);
 
 // Validates a manifest against its schema with the validator codes manifests
 // are checked with ({0, 1, 4, 8}, no prefix); fills `result` with the

@@ -9,6 +9,7 @@
 
 #include "HostRoot.h"
 #include "configmanager/plugin.h"
+#include "plugin/paths.h"
 
 namespace QenConfigManager {
 
@@ -174,11 +175,10 @@ void PluginRequest::Dump(const std::string& path, const std::string& taskId,
 }
 
 void PluginRequest::Load(const std::string& path) {
-  std::ifstream in(QenPlatform::HostPath(path), std::ios::binary);
-  rapidjson::IStreamWrapper wrapper(in);
   rapidjson::Document parsed;
-  parsed.ParseStream(wrapper);
-  if (parsed.HasParseError()) throw std::runtime_error("Failed to load plugin input json.");
+  bool opened = false;
+  if (!ReadJsonFile(QenPlatform::HostPath(path), parsed, opened))
+    throw std::runtime_error("Failed to load plugin input json.");
   document.Swap(parsed);
 }
 

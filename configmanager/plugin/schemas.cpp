@@ -1,5 +1,6 @@
 // Manifest schema files: loading, vetting and the whole-directory check.
 #include <fstream>
+#include <sstream>
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
@@ -22,11 +23,6 @@ int64_t Fail(std::string& error, const char* before, const std::string& path, co
   return -1;
 }
 
-bool ParseStream(std::istream& in, rapidjson::Document& doc) {
-  rapidjson::IStreamWrapper wrapper(in);
-  doc.ParseStream(wrapper);
-  return !doc.HasParseError();
-}
 
 void AddMessage(rapidjson::Document& report, const std::string& file, const std::string& message) {
   rapidjson::Value text(message, report.GetAllocator());
@@ -34,6 +30,22 @@ void AddMessage(rapidjson::Document& report, const std::string& file, const std:
 }
 
 }  // namespace
+
+bool QenConfigManager::ReadJsonFile(const std::string& path, rapidjson::Document& doc,
+                                    bool& opened) {
+  std::ifstream in(path, std::ios::binary);
+  opened = in.is_open();
+  if (!opened) return false;
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) return false;
+  try {
+    ParseDocument(text.str(), doc);
+  } catch (const QenConfigStore::ConfigStoreException&) {
+    return false;
+  }
+  return true;
+}
 
 void QenConfigManager::ValidateManifest(const rapidjson::Value& schema,
                                         const rapidjson::Value& manifest,
@@ -50,9 +62,10 @@ int64_t GetPluginVersion(const rapidjson::Value& manifest) {
 
 int64_t CreatePluginSchemaFromFile(const std::string& path, rapidjson::Document& schema,
                                    std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in.is_open()) return Fail(error, "Failed to open the schema file \"", path, "\"");
-  if (!ParseStream(in, schema)) return Fail(error, "Failed to parse the schema file \"", path, "\"");
+  bool opened = false;
+  const bool parsed = QenConfigManager::ReadJsonFile(path, schema, opened);
+  if (!opened) return Fail(error, "Failed to open the schema file \"", path, "\"");
+  if (!parsed) return Fail(error, "Failed to parse the schema file \"", path, "\"");
   if (!schema.IsObject()) return Fail(error, "The schema ", path, " is not a JSON object");
   auto props = schema.FindMember("properties");
   if (props == schema.MemberEnd())
@@ -122,13 +135,14 @@ namespace {
 
 void ValidateOneManifest(const PluginSchemaTable& schemas, const std::string& path,
                          rapidjson::Document& report) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in.is_open()) {
+  rapidjson::Document manifest;
+  bool opened = false;
+  const bool parsed = QenConfigManager::ReadJsonFile(path, manifest, opened);
+  if (!opened) {
     AddMessage(report, path, "Failed to open the plugin file \"" + path + "\"");
     return;
   }
-  rapidjson::Document manifest;
-  if (!ParseStream(in, manifest)) {
+  if (!parsed) {
     AddMessage(report, path, "Failed to parse the data from file \"" + path + "\"");
     return;
   }

@@ -164,6 +164,7 @@ TEST_F(RequestTest, EveryGetterNamesWhatIsMissing) {
             "The Extract PluginRequest format is invalid");
   EXPECT_EQ(message([&] { FromText(""); }), "Failed to load plugin input json.");
   EXPECT_EQ(message([&] { FromText("{} {}"); }), "Failed to load plugin input json.");
+  EXPECT_EQ(message([&] { FromText(std::string(200000, '[')); }), "Failed to load plugin input json.");
   EXPECT_EQ(message([&] {
               PluginRequest r;
               r.Load("/var/corvane/lifecycle/none.json");

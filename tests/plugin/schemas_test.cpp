@@ -30,6 +30,8 @@ TEST_F(SchemaFileTest, EveryCheckReportsItsSentenceInOrder) {
       R"(The property "maximum" of the property "version" of the property "properties" from the schema )";
   const std::pair<std::string, std::string> rows[] = {
       {R"({"a": 1} x)", "Failed to parse the schema file \"" + P() + "\""},
+      // Nesting beyond the document library's limit is refused, not recursed into.
+      {std::string(200000, '['), "Failed to parse the schema file \"" + P() + "\""},
       {"[1]", "The schema " + P() + " is not a JSON object"},
       {"{}", "The schema " + P() + " does not have a property called \"properties\""},
       {R"({"properties": 3})", "The schema " + P() + "'s property \"properties\" is not a JSON object"},
@@ -114,13 +116,16 @@ TEST_F(ValidateAllTest, ReportsEachBadManifestAndKeepsGoing) {
   WriteManifest("a/b/c/none.json", R"({"type": "python", "apply_group": "network"})");
   WriteManifest("a/b/d/seven.json", R"({"version": 7})");
   WriteManifest("a/b/e/broken.json", "{\"version\": ");
+  WriteManifest("a/b/g/deep.json", std::string(200000, '{'));
   WriteManifest("a/b/f/ignored.json.bak", "{");
   WriteManifest("a/b/f/ignored.JSON", "{");
   rapidjson::Document report = Check(Modules());
   ASSERT_TRUE(report.IsArray());
   std::map<std::string, const rapidjson::Value*> byFile;
   for (const auto& e : report.GetArray()) byFile[e["file"].GetString()] = &e["validation_errors"];
-  ASSERT_EQ(byFile.size(), 3u) << JsonToString(report);
+  ASSERT_EQ(byFile.size(), 4u) << JsonToString(report);
+  const std::string deep = Modules() + "a/b/g/deep.json";
+  EXPECT_EQ(std::string(byFile[deep]->GetString()), "Failed to parse the data from file \"" + deep + "\"");
 
   const std::string none = Modules() + "a/b/c/none.json";
   ASSERT_TRUE(byFile.count(none));
