@@ -5,6 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
+
 #include "StoreTestSupport.h"
 
 using namespace QenConfigStore;
@@ -137,6 +140,30 @@ TEST_F(StoreDurabilityTest, KilledWriterLeavesLastCommittedState) {
   // The lock died with the writer: a new write goes through.
   SetBootMode(4);
   EXPECT_EQ(GetBootMode(), 4);
+}
+
+TEST_F(StoreDurabilityTest, ConcurrentWritersOnSeparateConnectionsQueueInsteadOfFailing) {
+  std::atomic<int> failures{0};
+  auto writer = [&](const std::string& key) {
+    auto conn = GetDBStore(0, true);
+    for (int i = 0; i < 40; ++i) {
+      rapidjson::Document value;
+      value.Parse("{\"n\": 1}");
+      try {
+        ProcessDesiredObject(value.GetAllocator(), conn, "text", "c", "g", key + std::to_string(i),
+                             nullptr, value);
+        GetDesiredUserConfigContents(conn);
+      } catch (const ConfigStoreException&) {
+        ++failures;
+      }
+    }
+  };
+  std::thread a(writer, "a"), b(writer, "b");
+  writer("c");
+  a.join();
+  b.join();
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_EQ(GetConfigRowCount(), 2 + 3 * 40);
 }
 
 TEST_F(StoreDurabilityTest, CorruptOrMissingDatabaseIsAClearError) {
