@@ -3,16 +3,27 @@
 
 namespace QenConfigManager {
 
+namespace {
+
+// An array holding one object per item, each filled by the item's convertToJson.
+template <typename T>
+rapidjson::Value ToJsonArray(const std::vector<T>& items,
+                             rapidjson::Document::AllocatorType& allocator) {
+  rapidjson::Value list(rapidjson::kArrayType);
+  for (const T& item : items) {
+    rapidjson::Value entry(rapidjson::kObjectType);
+    item.convertToJson(entry, allocator);
+    list.PushBack(entry, allocator);
+  }
+  return list;
+}
+
+}  // namespace
+
 void ValidationErrorInfo::convertToJson(rapidjson::Value& out,
                                         rapidjson::Document::AllocatorType& allocator) const {
   out.AddMember("path", rapidjson::Value(path, allocator), allocator);
-  rapidjson::Value list(rapidjson::kArrayType);
-  for (const ErrorInfo& message : messages) {
-    rapidjson::Value entry(rapidjson::kObjectType);
-    message.convertToJson(entry, allocator);
-    list.PushBack(entry, allocator);
-  }
-  out.AddMember("messages", list, allocator);
+  out.AddMember("messages", ToJsonArray(messages, allocator), allocator);
 }
 
 std::string ValidationResult::Serialize() const {
@@ -23,15 +34,7 @@ std::string ValidationResult::Serialize() const {
     pluginError.convertToJson(error, allocator);
     doc.AddMember("pluginErr", error, allocator);
   }
-  if (!errors.empty()) {
-    rapidjson::Value list(rapidjson::kArrayType);
-    for (const ValidationErrorInfo& info : errors) {
-      rapidjson::Value entry(rapidjson::kObjectType);
-      info.convertToJson(entry, allocator);
-      list.PushBack(entry, allocator);
-    }
-    doc.AddMember("errors", list, allocator);
-  }
+  if (!errors.empty()) doc.AddMember("errors", ToJsonArray(errors, allocator), allocator);
   std::string text;
   SerializeValue(doc, text);
   return text;
