@@ -62,20 +62,24 @@ bool Pattern::Matches(std::string_view subject) const {
   }
 }
 
+void AppendToken(std::string& pointer, std::string_view token) {
+  pointer += '/';
+  for (char c : token) {
+    if (c == '~') {
+      pointer += "~0";
+    } else if (c == '/') {
+      pointer += "~1";
+    } else {
+      pointer += c;
+    }
+  }
+}
+
 std::string AppendPointer(const std::string& location, std::string_view token) {
   std::string out;
   out.reserve(location.size() + token.size() + 1);
   out += location;
-  out += '/';
-  for (char c : token) {
-    if (c == '~') {
-      out += "~0";
-    } else if (c == '/') {
-      out += "~1";
-    } else {
-      out += c;
-    }
-  }
+  AppendToken(out, token);
   return out;
 }
 

@@ -150,7 +150,9 @@ class CompiledSchema {
   const Node* root_ = nullptr;
 };
 
-// "#/a/b" + "/" + escaped token.
+// Appends "/" and the RFC 6901-escaped token ("~" -> "~0", "/" -> "~1").
+void AppendToken(std::string& pointer, std::string_view token);
+// `location` followed by the escaped token.
 std::string AppendPointer(const std::string& location, std::string_view token);
 
 }  // namespace QenValidator

@@ -206,27 +206,15 @@ bool Engine::Fails(int code) {
 
 void Engine::Emit(int code, std::vector<std::string> args, std::string_view member) {
   std::string field = prefix_;
-  auto append = [&field](std::string_view name) {
-    field += '/';
-    for (char c : name) {
-      if (c == '~') {
-        field += "~0";
-      } else if (c == '/') {
-        field += "~1";
-      } else {
-        field += c;
-      }
-    }
-  };
   for (const Segment& s : path_) {
     if (s.index == kNoIndex) {
-      append(s.name);
+      AppendToken(field, s.name);
     } else {
       field += '/';
       field += std::to_string(s.index);
     }
   }
-  if (!member.empty()) append(member);
+  if (!member.empty()) AppendToken(field, member);
 
   auto& alloc = errors_.GetAllocator();
   rapidjson::Value error(rapidjson::kObjectType);
