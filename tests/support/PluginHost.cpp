@@ -1,0 +1,95 @@
+#include "PluginHost.h"
+
+#include <boost/filesystem.hpp>
+
+#include "QenConfigStore.h"
+#include "QenSchemaStore.h"
+
+namespace QenTest {
+
+namespace {
+const char* kSchemaDir = "/usr/lib/corvane/configstore/schemas";
+const char* kModulesDir = "/usr/lib/corvane/configmanager/apply_modules";
+}  // namespace
+
+void PluginHostTest::SetUp() {
+  HostRootTest::SetUp();
+  InstallSampleHost();
+  boost::filesystem::remove_all(Path(kSchemaDir));
+  boost::filesystem::remove_all(Path(kModulesDir));
+  boost::filesystem::create_directories(Path(kSchemaDir));
+  boost::filesystem::create_directories(Path(kModulesDir));
+  boost::filesystem::create_directories(Path("/tmp"));
+  QenSchemaStore::SchemaStore::Invalidate();
+}
+
+void PluginHostTest::WriteKeySchema(const std::string& component, const std::string& group,
+                                    const std::string& key, const std::string& fileBody) {
+  WriteFile(std::string(kSchemaDir) + "/" + component + "/" + group + "/" + key + ".json", fileBody);
+  QenSchemaStore::SchemaStore::Invalidate();
+}
+
+void PluginHostTest::WritePythonPlugin(const std::string& name, const std::string& manifest,
+                                       const std::string& pluginPy) {
+  std::string dir = std::string(kModulesDir) + "/" + name;
+  WriteFile(dir + "/manifest.json", manifest);
+  if (!pluginPy.empty()) WriteFile(dir + "/plugin.py", pluginPy);
+}
+
+void PluginHostTest::LoadStore(const std::string& description) {
+  rapidjson::Document doc;
+  doc.Parse(description.c_str());
+  ASSERT_FALSE(doc.HasParseError()) << description;
+  QenConfigStore::LoadStoreDescription(doc);
+}
+
+void PluginHostTest::EnableFeature(const std::string& name) {
+  WriteFile("/etc/corvane/features.json", "{\"features\": {\"" + name + "\": true}}");
+}
+
+class RecordingTask::Sink : public QenConfigManager::TaskHandle::Notifications {
+ public:
+  explicit Sink(RecordingTask* task) : task_(task) {}
+  void PluginInfo(const std::string& id, const std::list<std::string>& args) override {
+    Add("info", id, args);
+  }
+  void PluginWarning(const std::string& id, const std::list<std::string>& args) override {
+    Add("warning", id, args);
+  }
+  void PluginError(QenConfigManager::ErrorInfo error) override {
+    Add("error", error.msgId, error.args);
+  }
+
+ private:
+  void Add(const char* kind, const std::string& id, const std::list<std::string>& args) {
+    std::lock_guard<std::mutex> l(task_->mutex_);
+    task_->notes_.push_back(Note{kind, id, args});
+  }
+  RecordingTask* task_;
+};
+
+bool RecordingTask::IsAborted() {
+  std::lock_guard<std::mutex> l(mutex_);
+  return aborted_;
+}
+
+void RecordingTask::UpdateProgress(float percent) {
+  std::lock_guard<std::mutex> l(mutex_);
+  progress_.push_back(percent);
+}
+
+std::shared_ptr<QenConfigManager::TaskHandle::Notifications> RecordingTask::AddNotification() {
+  return std::make_shared<Sink>(this);
+}
+
+std::vector<float> RecordingTask::Progress() const {
+  std::lock_guard<std::mutex> l(mutex_);
+  return progress_;
+}
+
+std::vector<RecordingTask::Note> RecordingTask::Notes() const {
+  std::lock_guard<std::mutex> l(mutex_);
+  return notes_;
+}
+
+}  // namespace QenTest
