@@ -107,3 +107,21 @@ TEST(IsEqualPrimitiveArray, LargeIntegersSharingADoubleArePairedExactly) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(IsEqualValue, RepeatedMemberNamesCompareAsMultisets) {
+  const char* schema = "{}";
+  EXPECT_TRUE(Equal(R"({"x": 1, "x": 2})", R"({"x": 2, "x": 1})", schema));
+  EXPECT_FALSE(Equal(R"({"x": 1, "x": 1})", R"({"x": 1, "y": 1})", schema));
+  EXPECT_FALSE(Equal(R"({"x": 1, "x": 1, "y": 2})", R"({"x": 1, "y": 2, "y": 2})", schema));
+  // Through the hash index of a large value-matched array as well.
+  std::string a = "[", b = "[";
+  for (int i = 0; i < 10; ++i) {
+    a += std::string(i ? "," : "") + R"({"x": 1, "x": 1, "y": 2})";
+    b += std::string(i ? "," : "") + R"({"x": 1, "y": 2, "x": 1})";
+  }
+  EXPECT_TRUE(Equal(a + "]", b + "]", R"({"items": {"type": "object"}})"));
+}
+
+}  // namespace

@@ -204,20 +204,27 @@ bool ScalarMultisetEqual(const Value& a, const Value& b) {
   return true;
 }
 
+// Members pair by name and value, each member of `b` used once, so objects
+// with repeated member names are equal only with the same multiset of
+// members (which keeps HashValue consistent with this equality).
 bool ObjectsEqual(const Value& a, const Value& b, const Value* node, int depth) {
   node = ObjectNode(node);
   rapidjson::SizeType countA = 0, countB = 0;
   for (auto& m : b.GetObject()) {
     if (!IsGeneratedId(m.name)) ++countB;
   }
+  std::vector<bool> used(b.MemberCount(), false);
   for (auto& m : a.GetObject()) {
     if (IsGeneratedId(m.name)) continue;
     ++countA;
-    auto it = b.FindMember(m.name);
-    if (it == b.MemberEnd() ||
-        !Equal(m.value, it->value, PropertyNode(node, m.name, &a), depth + 1)) {
-      return false;
+    const Value* prop = PropertyNode(node, m.name, &a);
+    bool found = false;
+    for (auto it = b.MemberBegin(); it != b.MemberEnd() && !found; ++it) {
+      const size_t j = static_cast<size_t>(it - b.MemberBegin());
+      if (used[j] || it->name != m.name) continue;
+      if (Equal(m.value, it->value, prop, depth + 1)) used[j] = found = true;
     }
+    if (!found) return false;
   }
   return countA == countB;
 }
