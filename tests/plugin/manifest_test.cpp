@@ -1,6 +1,8 @@
 // Plugin manifests: identity from the path, versions, schema checks, accessors.
 #include "PluginFixture.h"
 
+#include <thread>
+
 #include "QenSchemaStore.h"
 
 namespace QenTest {
@@ -118,6 +120,16 @@ TEST_F(ManifestTest, SchemaTableFailureIsRetriedOnTheNextManifest) {
   // Built once: later damage to the files does not matter any more.
   WriteFile(std::string(kSchemas) + "plugin_version_3_schema.json", "{");
   EXPECT_EQ(Plugin(path.c_str()).GetId(), "N");
+}
+
+TEST_F(ManifestTest, ConcurrentFirstManifestsShareOneSchemaTable) {
+  const std::string path = WriteManifest("N/F.json", V3("python"));
+  std::vector<std::string> ids(8);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < ids.size(); ++i)
+    threads.emplace_back([&, i] { ids[i] = Plugin(path.c_str()).GetId(); });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(ids, std::vector<std::string>(8, "N"));
 }
 
 TEST_F(ManifestTest, ShortObjectStringsRejectTheManifest) {
