@@ -37,7 +37,8 @@ QCM_EXPORT int64_t CreatePluginSchemaFromFile(const std::string& path, rapidjson
 // of them is bad (the first bad file stops the load).
 QCM_EXPORT PluginSchemaTable CreatePluginSchemas(std::string_view directory, std::string& error);
 // Appends {"file": file, "validation_errors": value} to `report` (an array);
-// `value` is moved in and left null.
+// `value` is moved in and left null, so it must come from the report's
+// allocator (or one that outlives the report).
 QCM_EXPORT void AddValidationError(rapidjson::Document& report, std::string_view file,
                                    rapidjson::Value& value);
 // Checks every ".json" file below `manifestDir` against its version's schema
@@ -227,9 +228,11 @@ class QCM_EXPORT PluginRequest {
   void PopulateCSOList(const ConfigStoreObjectList& objects, const char* name);
 
   // Adds "taskId" and "clusterContext" and writes the document (compact,
-  // mode 0600) to the physical `path`, replacing its content.
+  // mode 0600) to `path`, replacing its content. Paths are logical host
+  // paths, mapped with QenPlatform::HostPath (a path already below the root
+  // is used as it is).
   void Dump(const std::string& path, const std::string& taskId, const std::string& context);
-  // Parses the physical `path`; throws std::runtime_error when it cannot.
+  // Parses `path`; throws std::runtime_error when it cannot.
   void Load(const std::string& path);
 
   int GetVersion() const;
