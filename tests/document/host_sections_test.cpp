@@ -145,4 +145,18 @@ TEST(SplitDocument, KeyLeftEmptyLeavesTheProfile) {
   EXPECT_EQ(NormalizeValue(kept), R"({"profile":{"system":{"time":{"ntp":{"servers":["a"]}}}}})");
 }
 
+TEST(SplitDocument, MalformedSchemaMovesNothing) {
+  for (const char* schema : {"[]", R"({"properties": {"profile": 5}})",
+                             R"({"c": {"g": {"k": {"hostSpecific": "yes", "properties": []}}}})"}) {
+    Document doc = Parse(R"({"profile": {"c": {"g": {"k": {"a": 1}}}}})");
+    ConfigStoreDocument::SplitDocument(Parse(schema), "h", doc);
+    EXPECT_EQ(NormalizeValue(doc), R"({"profile":{"c":{"g":{"k":{"a":1}}}}})") << schema;
+  }
+  Document doc = Parse(R"({"profile": {"c": {"g": {"k": {}}}}, "host-specific": {"h": 3}})");
+  Document empty = Parse("{}");
+  ConfigStoreDocument::SchemaMergeMetadataProvider p(empty);
+  ExpectStoreError([&] { ConfigStoreDocument::GetDocumentForHost(doc, "h", p); }, 1082,
+                   "JSON error: \"host-specific\" of a host is not an object");
+}
+
 }  // namespace
