@@ -147,6 +147,9 @@ TEST(Validate, AlternativesDoNotLeakTheirBranchErrors) {
 TEST(Validate, SensitiveValuesNeverAppearInErrors) {
   const char* schema = R"({"properties": {"password": {"type": "string", "sensitive": true,
     "pattern": "^.{12,}$", "enum": ["x"]}, "plain": {"enum": ["y"]}}})";
+  // Limits come from the schema and stay visible.
+  EXPECT_EQ(Check(R"({"sensitive": true, "minimum": 1000})", "12"),
+            R"j([{"field":"","errId":12,"error":"value (sensitive) is less than the minimum 1000","errArgs":["(sensitive)","1000"]}])j");
   std::string errors = Check(schema, R"({"password": "hunter2", "plain": "hunter2"})");
   EXPECT_EQ(errors,
             R"j([{"field":"/password","errId":6,"error":"value (sensitive) is not one of [\"x\"]","errArgs":["(sensitive)","[\"x\"]"]},)j"
@@ -159,6 +162,11 @@ TEST(Validate, NumbersCompareExactlyBeyondDoublePrecision) {
   EXPECT_EQ(Brief(R"({"minimum": -9223372036854775808})", "18446744073709551615"), "");
   EXPECT_EQ(Brief(R"({"type": "integer", "multipleOf": 3})", "18446744073709551615"), "");
   EXPECT_EQ(Brief(R"({"type": "integer"})", "2.0"), ":5 ");
+}
+
+TEST(Validate, EmptyTupleAllowsNoItemsWhenAdditionalItemsAreClosed) {
+  EXPECT_EQ(Brief(R"({"items": [], "additionalItems": false})", "[1, 2]"), "/0:23 /1:23 ");
+  EXPECT_EQ(Brief(R"({"items": [], "additionalItems": false})", "[]"), "");
 }
 
 TEST(Validate, MalformedSchemaIsReportedByLocationAndValueIsNotJudged) {

@@ -287,6 +287,7 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
     } else if (k == "items") {
       node.hasArrayChecks = true;
       if (v.IsArray()) {
+        node.tupleForm = true;
         for (rapidjson::SizeType i = 0; i < v.Size(); ++i) {
           node.tupleItems.push_back(sub(v[i], AppendPointer(where, std::to_string(i))));
         }

@@ -76,7 +76,8 @@ struct Node {
 
   // arrays
   const Node* items = nullptr;            // one schema for every item
-  std::vector<const Node*> tupleItems;    // "items" given as an array
+  bool tupleForm = false;                 // "items" given as an array
+  std::vector<const Node*> tupleItems;
   bool additionalItemsAllowed = true;
   const Node* additionalItems = nullptr;
   int64_t minItems = -1;

@@ -30,6 +30,15 @@ struct BoundedStream {
   void Flush() {}
 };
 
+// Compact JSON of a schema part (never redacted: it is not configuration).
+std::string SchemaText(const rapidjson::Value& value) {
+  BoundedStream out;
+  rapidjson::Writer<BoundedStream> writer(out);
+  value.Accept(writer);
+  if (out.truncated) out.text += "...";
+  return out.text;
+}
+
 std::string_view View(const rapidjson::Value& s) {
   return std::string_view(s.GetString(), s.GetStringLength());
 }
@@ -246,12 +255,7 @@ void Engine::Finish() {
 }
 
 std::string Engine::ValueText(const rapidjson::Value& value) const {
-  if (sensitive_) return "(sensitive)";
-  BoundedStream out;
-  rapidjson::Writer<BoundedStream> writer(out);
-  value.Accept(writer);
-  if (out.truncated) out.text += "...";
-  return out.text;
+  return sensitive_ ? "(sensitive)" : SchemaText(value);
 }
 
 std::string Engine::LastName() const {
@@ -313,11 +317,7 @@ void Engine::Check(const Node* node, const rapidjson::Value& value) {
       }
     }
     if (!found && Fails(JsonValidator::ENUM_MISMATCH)) {
-      BoundedStream list;
-      rapidjson::Writer<BoundedStream> writer(list);
-      node->enumValues->Accept(writer);
-      Emit(JsonValidator::ENUM_MISMATCH,
-           {ValueText(value), list.text + (list.truncated ? "..." : "")});
+      Emit(JsonValidator::ENUM_MISMATCH, {ValueText(value), SchemaText(*node->enumValues)});
     }
   }
   if (!Stop()) {
@@ -347,19 +347,19 @@ void Engine::CheckNumber(const Node& node, const rapidjson::Value& value) {
     int c = CompareNumbers(value, *node.minimum);
     if (node.exclusiveMinimum ? c <= 0 : c < 0) {
       int code = node.exclusiveMinimum ? JsonValidator::EXCLUSIVE_MINIMUM : JsonValidator::MINIMUM;
-      if (Fails(code)) Emit(code, {ValueText(value), ValueText(*node.minimum)});
+      if (Fails(code)) Emit(code, {ValueText(value), SchemaText(*node.minimum)});
     }
   }
   if (node.maximum != nullptr) {
     int c = CompareNumbers(value, *node.maximum);
     if (node.exclusiveMaximum ? c >= 0 : c > 0) {
       int code = node.exclusiveMaximum ? JsonValidator::EXCLUSIVE_MAXIMUM : JsonValidator::MAXIMUM;
-      if (Fails(code)) Emit(code, {ValueText(value), ValueText(*node.maximum)});
+      if (Fails(code)) Emit(code, {ValueText(value), SchemaText(*node.maximum)});
     }
   }
   if (node.multipleOf != nullptr && !IsMultipleOf(value, *node.multipleOf) &&
       Fails(JsonValidator::MULTIPLE_OF)) {
-    Emit(JsonValidator::MULTIPLE_OF, {ValueText(value), ValueText(*node.multipleOf)});
+    Emit(JsonValidator::MULTIPLE_OF, {ValueText(value), SchemaText(*node.multipleOf)});
   }
 }
 
@@ -397,7 +397,7 @@ void Engine::CheckArray(const Node& node, const rapidjson::Value& value) {
   }
   for (rapidjson::SizeType i = 0; i < value.Size() && !Stop(); ++i) {
     const Node* item = node.items;
-    if (item == nullptr && !node.tupleItems.empty()) {
+    if (node.tupleForm) {
       if (i < node.tupleItems.size()) {
         item = node.tupleItems[i];
       } else if (!node.additionalItemsAllowed) {
