@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, lays out a sample host root under the
-# build tree and runs the main job on it, printing what it did.
+# build tree and runs the main job on it, printing what it did: the host's
+# status, its current configuration as the extract plugins read it, the
+# validation of a good and a bad desired document, and the drift between a
+# desired document and the host.
 set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$ROOT/scripts/deps.sh"
@@ -11,10 +14,22 @@ HOST="$BUILD_DIR/demo-host"
 rm -rf "$HOST"
 mkdir -p "$HOST"
 cp -a "$ROOT/host/root/." "$HOST/"
-[[ -d "$BUILD_DIR/host-staging" ]] && cp -a "$BUILD_DIR/host-staging/." "$HOST/"
+cp -a "$BUILD_DIR/host-staging/." "$HOST/"
 QEN="$BUILD_DIR/tools/qenconfig"
-q() { echo; echo "\$ qenconfig $*"; "$QEN" --root "$HOST" "$@"; }
+DOCS="$ROOT/host/documents"
+q() {
+  echo
+  echo "\$ qenconfig $*"
+  local rc=0
+  "$QEN" --root "$HOST" "$@" || rc=$?
+  echo "(exit $rc)"
+}
 
 echo "sample host root: $HOST"
 q host status
-q doc fmt "$ROOT/host/documents/desired-basic.json"
+q store load "$DOCS/store-sample.json"
+q plugins list --type apply
+q extract current
+q validate "$DOCS/desired-good.json"
+q validate "$DOCS/desired-bad.json"
+q compliance "$DOCS/desired-compliance.json" --property-level
