@@ -17,14 +17,14 @@ void ComputeDrift(rapidjson::Value& desired, rapidjson::Document::AllocatorType&
   CSLogger::Log(2, "DriftHandler: consolidated action required - %d",
                 handler.consolidatedAction ? 1 : 0);
   CSLogger::Log(2, "DriftHandler: create drift object - %d", handler.createDriftObject ? 1 : 0);
-  std::shared_ptr<DBStore::StoreConnection> connection = QenConfigStore::GetDBStore(0, true);
-
   (void)desired.GetObject();
   auto profile = desired.FindMember("profile");
   rapidjson::Value& root = profile != desired.MemberEnd() ? profile->value : desired;
   rapidjson::Value& host = current->GetDocument();
 
-  drift::WalkContext ctx(allocator, handler, connection, drift::IndexedMatchers());
+  // The store connection is opened when the walk first needs it (a default
+  // user configuration lookup); most walks never do.
+  drift::WalkContext ctx(allocator, handler, nullptr, drift::IndexedMatchers());
   drift::walkComponents(ctx, root, host, schemaStore, false);
   drift::walkComponents(ctx, host, root, schemaStore, true);
 }

@@ -60,6 +60,10 @@ const rapidjson::Value& InstanceNode(const rapidjson::Value& keySchema) {
   return keySchema;
 }
 
+// Unpaired host instances are reported from the highest index down, the
+// order in which the pairing searches them.
+rapidjson::SizeType HostSize(const rapidjson::Value& host) { return host.IsArray() ? host.Size() : 0; }
+
 rapidjson::Value Text(const char* op) { return rapidjson::Value(rapidjson::StringRef(op)); }
 
 // Member lookup by name that stays linear for wide objects: objects with few
@@ -130,10 +134,11 @@ bool CompareByValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson
     handler.PropertyDrift(element, kEmptyVal, items, ctx.path, ADD);
   }
   size_t k = n;
-  for (size_t j : matcher->Remaining()) {
+  for (rapidjson::SizeType j = HostSize(host); j-- > 0;) {
+    if (matcher->Taken(j)) continue;
     drift = true;
     PathScope scope(ctx.path, k++);
-    const rapidjson::Value& element = host[static_cast<rapidjson::SizeType>(j)];
+    const rapidjson::Value& element = host[j];
     if (handler.createDriftObject)
       appendInstanceDrift(element[kGeneratedId], kOpDelete, driftDoc, ctx.allocator);
     handler.PropertyDrift(kEmptyVal, element, items, ctx.path, DELETE);
@@ -286,6 +291,7 @@ void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjs
         if (id.GetInstanceId().empty())
           throw ConfigManagerException(UNEXPECTED_ERROR,
                                        "InstanceId is not set for non-singleton configuration");
+        if (!ctx.connection) ctx.connection = QenConfigStore::GetDBStore(0, true);
         ConfigMapVector defaults = QenConfigStore::GetDefaultUserConfigMapList(id, ctx.connection);
         if (defaults.size() == 1)
           handler.Set(element, kEmptyVal, id, schema, ctx.path, driftDoc);
@@ -297,8 +303,9 @@ void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjs
     }
   }
   size_t k = n;
-  for (size_t j : matcher->Remaining()) {
-    const rapidjson::Value& element = host[static_cast<rapidjson::SizeType>(j)];
+  for (rapidjson::SizeType j = HostSize(host); j-- > 0;) {
+    if (matcher->Taken(j)) continue;
+    const rapidjson::Value& element = host[j];
     if (generated)
       assignGeneratedInstanceId(element, id);
     else
@@ -403,9 +410,10 @@ bool compareInstanceArray(WalkContext& ctx, rapidjson::Value& desired, const rap
     }
   }
   size_t k = n;
-  for (size_t j : matcher->Remaining()) {
+  for (rapidjson::SizeType j = HostSize(host); j-- > 0;) {
+    if (matcher->Taken(j)) continue;
     drift = true;
-    const rapidjson::Value& element = host[static_cast<rapidjson::SizeType>(j)];
+    const rapidjson::Value& element = host[j];
     PathScope scope(ctx.path, k++);
     if (handler.createDriftObject) appendEntry(element[idField], kOpDelete, nullptr);
     handler.PropertyDrift(kEmptyVal, element, items, ctx.path, DELETE);

@@ -23,8 +23,8 @@ class InstanceMatcher {
  public:
   virtual ~InstanceMatcher() = default;
   virtual long Take(const rapidjson::Value& desired) = 0;
-  // The host indices never taken, highest first.
-  virtual std::vector<size_t> Remaining() = 0;
+  // Whether host index j has been taken.
+  virtual bool Taken(size_t j) const = 0;
 };
 
 // How instances pair: by the string member `idField`, or by
@@ -52,6 +52,7 @@ struct WalkContext {
 
   rapidjson::Document::AllocatorType& allocator;
   DriftHandler& handler;
+  // Opened on first use when null.
   std::shared_ptr<DBStore::StoreConnection> connection;
   const MatcherFactory& matchers;
   // Path of the node being compared.

@@ -32,23 +32,14 @@ uint64_t Mix(uint64_t h) {
 }
 
 uint64_t HashText(const char* text, size_t length) {
-  return std::hash<std::string_view>()(std::string_view(text, length));
+  return Mix(std::hash<std::string_view>()(std::string_view(text, length)));
 }
 
-bool HasDuplicateNames(const rapidjson::Value& object) {
-  const rapidjson::SizeType n = object.MemberCount();
-  if (n < 2) return false;
-  std::vector<std::string_view> names;
-  names.reserve(n);
-  for (auto m = object.MemberBegin(); m != object.MemberEnd(); ++m)
-    names.emplace_back(m->name.GetString(), m->name.GetStringLength());
-  std::sort(names.begin(), names.end());
-  return std::adjacent_find(names.begin(), names.end()) != names.end();
-}
-
-// `duplicates`, when given, is set if an object below has two members of one
-// name: IsEqualValue may then pair values whose hashes differ.
-uint64_t HashValue(const rapidjson::Value& value, int depth, bool* duplicates) {
+// Values that IsEqualValue finds equal under any schema node hash alike: it
+// ignores member order and "cs_generated_id", pairs repeated member names
+// one to one, and compares arrays in order, as multisets or as sets of
+// instances, all of which keep the set of element hashes.
+uint64_t HashValue(const rapidjson::Value& value, int depth) {
   if (depth >= kHashDepth) return 0x5eed;
   switch (value.GetType()) {
     case rapidjson::kNullType:
@@ -66,26 +57,23 @@ uint64_t HashValue(const rapidjson::Value& value, int depth, bool* duplicates) {
       return Mix(bits ^ 0x44);
     }
     case rapidjson::kStringType:
-      return Mix(HashText(value.GetString(), value.GetStringLength()) ^ 0x55);
+      return HashText(value.GetString(), value.GetStringLength()) ^ 0x55;
     case rapidjson::kObjectType: {
       // Order-free sum over the members; "cs_generated_id" never counts, and
       // a null member counts as a missing one.
-      if (duplicates && !*duplicates && HasDuplicateNames(value)) *duplicates = true;
       uint64_t sum = 0x66;
       for (auto m = value.MemberBegin(); m != value.MemberEnd(); ++m) {
         if (m->value.IsNull() || IsGeneratedIdName(m->name)) continue;
         const uint64_t name = HashText(m->name.GetString(), m->name.GetStringLength());
-        sum += Mix(name * 0x9e3779b97f4a7c15ULL + HashValue(m->value, depth + 1, duplicates));
+        sum += Mix(name * 0x9e3779b97f4a7c15ULL + HashValue(m->value, depth + 1));
       }
       return Mix(sum);
     }
     case rapidjson::kArrayType: {
-      // The set of element hashes: the same for any order and any
-      // multiplicity, so it agrees with every array equality in use (in
-      // order, as multisets, as sets of instances).
+      // The set of element hashes: the same for any order and multiplicity.
       std::vector<uint64_t> elements;
       elements.reserve(value.Size());
-      for (auto& e : value.GetArray()) elements.push_back(HashValue(e, depth + 1, duplicates));
+      for (auto& e : value.GetArray()) elements.push_back(HashValue(e, depth + 1));
       std::sort(elements.begin(), elements.end());
       elements.erase(std::unique(elements.begin(), elements.end()), elements.end());
       uint64_t h = 0x77;
@@ -98,67 +86,68 @@ uint64_t HashValue(const rapidjson::Value& value, int depth, bool* duplicates) {
 
 class ChainedMatcher : public InstanceMatcher {
  public:
-  explicit ChainedMatcher(const rapidjson::Value& host) : host_(host) {}
+  explicit ChainedMatcher(const rapidjson::Value& host)
+      : host_(host), size_(host.IsArray() ? host.Size() : 0) {}
 
   long Take(const rapidjson::Value& desired) override {
-    if (!host_.IsArray() || host_.Empty()) return -1;
-    if (!built_) Build();
-    uint64_t h;
-    if (!HashDesired(desired, h)) return ScanAll(desired);
-    Slot* slot = FindSlot(h);
+    if (size_ == 0) return -1;
+    // A few instances are searched as they are: an index would cost more.
+    if (size_ <= kSmall) return ScanSmall(desired);
+    if (slots_.empty()) Build();
+    Slot* slot = FindSlot(HashDesired(desired));
     if (!slot) return -1;
-    for (uint32_t j = slot->head; j != kNone; j = next_[j])
+    for (uint32_t j = slot->head; j != kEnd; j = next_[j])
       if (Pairs(desired, host_[j])) return Unlink(slot, j);
     return -1;
   }
 
-  std::vector<size_t> Remaining() override {
-    std::vector<size_t> out;
-    if (!host_.IsArray()) return out;
-    for (size_t j = host_.Size(); j-- > 0;)
-      if (!built_ || !taken_[j]) out.push_back(j);
-    return out;
+  bool Taken(size_t j) const override {
+    if (size_ <= kSmall) return (smallTaken_ >> j) & 1;
+    return !slots_.empty() && taken_[j];
   }
 
  protected:
   virtual uint64_t HashHost(const rapidjson::Value& element) = 0;
-  // False when `element` cannot be hashed consistently with Pairs.
-  virtual bool HashDesired(const rapidjson::Value& element, uint64_t& hash) = 0;
+  virtual uint64_t HashDesired(const rapidjson::Value& element) = 0;
   virtual bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) = 0;
 
  private:
+  static constexpr uint32_t kSmall = 8;
+  static constexpr uint32_t kFree = UINT32_MAX;    // slot never used
+  static constexpr uint32_t kEnd = UINT32_MAX - 1;  // end of a chain
+
+  // One chain per hash tag; chains of different hashes that share a tag
+  // merge, which costs comparisons but keeps the order (highest first).
   struct Slot {
-    uint64_t hash = 0;
-    uint32_t head = kNone;
-    bool used = false;
+    uint32_t tag;
+    uint32_t head;
   };
 
+  long ScanSmall(const rapidjson::Value& desired) {
+    for (uint32_t j = size_; j-- > 0;) {
+      if ((smallTaken_ >> j) & 1 || !Pairs(desired, host_[j])) continue;
+      smallTaken_ |= uint64_t(1) << j;
+      return static_cast<long>(j);
+    }
+    return -1;
+  }
+
   void Build() {
-    const uint32_t m = host_.Size();
     size_t capacity = 16;
-    while (capacity < 2 * static_cast<size_t>(m)) capacity <<= 1;
-    slots_.assign(capacity, Slot());
-    next_.assign(m, kNone);
-    hashes_.resize(m);
-    taken_.assign(m, false);
-    for (uint32_t j = 0; j < m; ++j) {
-      const uint64_t h = hashes_[j] = HashHost(host_[j]);
+    while (capacity < 2 * static_cast<size_t>(size_)) capacity <<= 1;
+    slots_.assign(capacity, Slot{0, kFree});
+    next_.resize(size_);
+    taken_.assign(size_, false);
+    for (uint32_t j = 0; j < size_; ++j) {
+      const uint64_t h = HashHost(host_[j]);
       Slot* slot = ProbeSlot(h);
-      if (!slot->used) {
-        slot->used = true;
-        slot->hash = h;
+      if (slot->head == kFree) {
+        slot->tag = static_cast<uint32_t>(h >> 32);
+        slot->head = kEnd;
       }
       next_[j] = slot->head;
       slot->head = j;
     }
-    built_ = true;
-  }
-
-  // The literal search, for a desired element that has no usable hash.
-  long ScanAll(const rapidjson::Value& desired) {
-    for (uint32_t j = host_.Size(); j-- > 0;)
-      if (!taken_[j] && Pairs(desired, host_[j])) return Unlink(FindSlot(hashes_[j]), j);
-    return -1;
   }
 
   long Unlink(Slot* slot, uint32_t j) {
@@ -173,22 +162,23 @@ class ChainedMatcher : public InstanceMatcher {
     return static_cast<long>(j);
   }
 
-  // The slot of hash `h`, or the empty slot where it belongs.
+  // The slot of hash `h`, or the free slot where it belongs.
   Slot* ProbeSlot(uint64_t h) {
     const size_t mask = slots_.size() - 1;
-    for (size_t i = Mix(h) & mask;; i = (i + 1) & mask)
-      if (!slots_[i].used || slots_[i].hash == h) return &slots_[i];
+    const uint32_t tag = static_cast<uint32_t>(h >> 32);
+    for (size_t i = h & mask;; i = (i + 1) & mask)
+      if (slots_[i].head == kFree || slots_[i].tag == tag) return &slots_[i];
   }
   Slot* FindSlot(uint64_t h) {
     Slot* slot = ProbeSlot(h);
-    return slot->used ? slot : nullptr;
+    return slot->head == kFree ? nullptr : slot;
   }
 
   const rapidjson::Value& host_;
-  bool built_ = false;
+  const uint32_t size_;
+  uint64_t smallTaken_ = 0;
   std::vector<Slot> slots_;
   std::vector<uint32_t> next_;
-  std::vector<uint64_t> hashes_;
   std::vector<bool> taken_;
 };
 
@@ -203,10 +193,7 @@ class IdentifierMatcher : public ChainedMatcher {
     const rapidjson::Value& id = element[idField_];
     return HashText(id.GetString(), id.GetStringLength());
   }
-  bool HashDesired(const rapidjson::Value& element, uint64_t& hash) override {
-    hash = HashHost(element);
-    return true;
-  }
+  uint64_t HashDesired(const rapidjson::Value& element) override { return HashHost(element); }
   bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
     const rapidjson::Value& a = desired[idField_];
     const rapidjson::Value& b = host[idField_];
@@ -219,23 +206,14 @@ class IdentifierMatcher : public ChainedMatcher {
 };
 
 // Generated identifiers: schema-aware equality of the whole instance.
-// IsEqualValue looks up each desired member in the host object, so a desired
-// value without duplicate member names equals only host values with the same
-// members, which hash alike; one with duplicates is searched literally.
 class ValueMatcher : public ChainedMatcher {
  public:
   ValueMatcher(const rapidjson::Value& host, const rapidjson::Value& schemaNode)
       : ChainedMatcher(host), schemaNode_(schemaNode) {}
 
  protected:
-  uint64_t HashHost(const rapidjson::Value& element) override {
-    return HashValue(element, 0, nullptr);
-  }
-  bool HashDesired(const rapidjson::Value& element, uint64_t& hash) override {
-    bool duplicates = false;
-    hash = HashValue(element, 0, &duplicates);
-    return !duplicates;
-  }
+  uint64_t HashHost(const rapidjson::Value& element) override { return HashValue(element, 0); }
+  uint64_t HashDesired(const rapidjson::Value& element) override { return HashValue(element, 0); }
   bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
     return ConfigStoreDocument::IsEqualValue(desired, host, schemaNode_);
   }
@@ -256,7 +234,7 @@ std::unique_ptr<InstanceMatcher> MakeValueMatcher(const rapidjson::Value& host,
 
 }  // namespace
 
-uint64_t InstanceValueHash(const rapidjson::Value& value) { return HashValue(value, 0, nullptr); }
+uint64_t InstanceValueHash(const rapidjson::Value& value) { return HashValue(value, 0); }
 
 const MatcherFactory& IndexedMatchers() {
   static const MatcherFactory factory{&MakeIdentifierMatcher, &MakeValueMatcher};

@@ -1,5 +1,7 @@
 #include "DriftFixture.h"
 
+#include <algorithm>
+
 #include "ConfigStoreDocument.h"
 #include "QenSchemaStore.h"
 
@@ -59,7 +61,9 @@ class LiteralMatcher : public drift::InstanceMatcher {
     }
     return -1;
   }
-  std::vector<size_t> Remaining() override { return remaining_; }
+  bool Taken(size_t j) const override {
+    return std::find(remaining_.begin(), remaining_.end(), j) == remaining_.end();
+  }
 
  private:
   const rapidjson::Value& host_;
