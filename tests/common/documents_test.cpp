@@ -3,42 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "FakeSchema.h"
+#include "CommonTest.h"
 #include "HostRootTest.h"
 #include "configmanager/common.h"
 
 using namespace QenConfigManager;
+using namespace QenTest;
 
 namespace {
-
-using Args = std::list<std::string>;
-
-rapidjson::Document Parse(const std::string& text) {
-  rapidjson::Document d;
-  ParseDocument(text, d);
-  return d;
-}
-
-std::string Compact(const rapidjson::Value& v) {
-  std::string out;
-  SerializeValue(v, out);
-  return out;
-}
-
-// (code, message, args) of the ConfigStoreException that `f` throws.
-template <typename E, typename F>
-std::tuple<int, std::string, Args> Failure(F f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return std::make_tuple(e.GetErrorCode(), std::string(e.what()), e.GetArgs());
-  } catch (const std::exception& e) {
-    ADD_FAILURE() << "wrong exception: " << e.what();
-    return {};
-  }
-  ADD_FAILURE() << "nothing thrown";
-  return {};
-}
 
 const auto kParseError = std::make_tuple(2080, std::string("Failed to parse JSON String"), Args{});
 
@@ -66,20 +38,20 @@ TEST(ParseDocument, AcceptsOneRootValueSurroundedByWhiteSpace) {
 TEST(ParseDocument, MalformedTextIsAnInvalidArgument) {
   for (const std::string& text : std::vector<std::string>{"{\"a\": 1", "{} {}", "{}x", "", "   ", "{\"a\" 1}", "[1,]",
                                  std::string("{}\0{}", 5), std::string("{\"a\": \"\0\"}", 10)}) {
-    EXPECT_EQ(Failure<InvalidArgumentException>([&] { Parse(text); }), kParseError) << text;
+    EXPECT_EQ(FailureOf<InvalidArgumentException>([&] { Parse(text); }), kParseError) << text;
   }
-  EXPECT_EQ(Failure<InvalidArgumentException>([] { CreateDocumentFromString("{\"a\":"); }), kParseError);
+  EXPECT_EQ(FailureOf<InvalidArgumentException>([] { CreateDocumentFromString("{\"a\":"); }), kParseError);
 }
 
 TEST(ParseDocument, NestingIsBoundedInsteadOfOverflowingTheStack) {
   const std::string deep(100000, '[');
-  EXPECT_EQ(Failure<InvalidArgumentException>([&] { Parse(deep + std::string(100000, ']')); }), kParseError);
+  EXPECT_EQ(FailureOf<InvalidArgumentException>([&] { Parse(deep + std::string(100000, ']')); }), kParseError);
 
   std::string limit;
   for (int i = 0; i < 512; ++i) limit += "{\"a\":";
   limit += "1" + std::string(512, '}');
   EXPECT_TRUE(Parse(limit).IsObject());
-  EXPECT_EQ(Failure<InvalidArgumentException>([&] { Parse("[" + limit + "]"); }), kParseError);
+  EXPECT_EQ(FailureOf<InvalidArgumentException>([&] { Parse("[" + limit + "]"); }), kParseError);
 }
 
 TEST_F(DocumentFiles, RoundTripThroughAHostFileIsCompactAndPrivate) {
@@ -108,7 +80,7 @@ TEST_F(DocumentFiles, UnparsableFilesFailWithTheirPath) {
   for (const char* path : {"/etc/corvane/empty.json", "/etc/corvane/broken.json", "/etc/corvane/two.json",
                            "/etc/corvane/missing.json", "/etc/corvane"}) {
     rapidjson::Document doc;
-    EXPECT_EQ(Failure<ConfigManagerException>([&] { CreateDocumentFromFile(path, doc); }),
+    EXPECT_EQ(FailureOf<ConfigManagerException>([&] { CreateDocumentFromFile(path, doc); }),
               std::make_tuple(2080, std::string("Failed to parse JSON String"), Args{path}));
   }
 }
@@ -145,10 +117,10 @@ TEST(AddMember, MovesTheValueInAsTheLastMember) {
 
   rapidjson::Value notObject(rapidjson::kArrayType);
   rapidjson::Value v(1);
-  EXPECT_EQ(std::get<0>(Failure<QenConfigStore::ConfigStoreException>(
+  EXPECT_EQ(std::get<0>(FailureOf<QenConfigStore::ConfigStoreException>(
                 [&] { AddMember(&doc, &notObject, "x", &v); })),
             1082);
-  EXPECT_EQ(std::get<0>(Failure<QenConfigStore::ConfigStoreException>([&] { AddMember(nullptr, &doc, "x", &v); })),
+  EXPECT_EQ(std::get<0>(FailureOf<QenConfigStore::ConfigStoreException>([&] { AddMember(nullptr, &doc, "x", &v); })),
             1082);
 }
 
@@ -182,16 +154,16 @@ TEST(CreateDocumentFromMap, ShapeFollowsTheList) {
 }
 
 TEST(CreateDocumentFromMap, InvalidValueTextFails) {
-  EXPECT_EQ(Failure<InvalidArgumentException>([] { CreateDocumentFromMap({Entry("", "{")}); }), kParseError);
-  EXPECT_EQ(Failure<InvalidArgumentException>(
+  EXPECT_EQ(FailureOf<InvalidArgumentException>([] { CreateDocumentFromMap({Entry("", "{")}); }), kParseError);
+  EXPECT_EQ(FailureOf<InvalidArgumentException>(
                 [] { CreateDocumentFromMap({Entry("a", "{}"), Entry("b", "DELETE_DEFAULT")}); }),
             kParseError);
   auto noValue = std::make_shared<ConfigMap>(ConfigMap{{"Identifier", "a"}});
-  EXPECT_EQ(Failure<InvalidArgumentException>([&] { CreateDocumentFromMap({noValue, nullptr}); }), kParseError);
+  EXPECT_EQ(FailureOf<InvalidArgumentException>([&] { CreateDocumentFromMap({noValue, nullptr}); }), kParseError);
 }
 
 TEST(FilterSolutionUserInstances, RemovesSolutionUsersKeepingTheOrder) {
-  auto schema = std::make_shared<QenTest::FakeSchema>(true, "name", std::vector<std::string>{"agent", "backup"});
+  auto schema = std::make_shared<FakeSchema>(true, "name", std::vector<std::string>{"agent", "backup"});
   ConfigMapVector maps{Entry("root", "{}"), Entry("agent", "{}"), Entry("admin", "{}"), Entry("backup", "{}"),
                        Entry("agent", "{}"), Entry("zed", "{}")};
   FilterSolutionUserInstances(maps, schema);
@@ -200,14 +172,14 @@ TEST(FilterSolutionUserInstances, RemovesSolutionUsersKeepingTheOrder) {
 
 TEST(FilterSolutionUserInstances, LeavesKeysWithoutNamedInstancesAlone) {
   const ConfigMapVector original{Entry("agent", "{}"), Entry("root", "{}")};
-  for (auto schema : {std::make_shared<QenTest::FakeSchema>(false, "", std::vector<std::string>{"agent"}),
-                      std::make_shared<QenTest::FakeSchema>(true, "cs_generated_id", std::vector<std::string>{"agent"})}) {
+  for (auto schema : {std::make_shared<FakeSchema>(false, "", std::vector<std::string>{"agent"}),
+                      std::make_shared<FakeSchema>(true, "cs_generated_id", std::vector<std::string>{"agent"})}) {
     ConfigMapVector maps = original;
     FilterSolutionUserInstances(maps, schema);
     EXPECT_EQ(Identifiers(maps), (std::vector<std::string>{"agent", "root"}));
     EXPECT_EQ(schema->solutionQueries, 0);
   }
-  auto schema = std::make_shared<QenTest::FakeSchema>(true, "name", std::vector<std::string>{"agent"});
+  auto schema = std::make_shared<FakeSchema>(true, "name", std::vector<std::string>{"agent"});
   ConfigMapVector empty;
   FilterSolutionUserInstances(empty, schema);
   EXPECT_EQ(schema->solutionQueries, 0);

@@ -2,75 +2,55 @@
 
 #include <string>
 
-#include "configmanager/common.h"
+#include "CommonTest.h"
 
 using namespace QenConfigManager;
-
-namespace {
-
-using Args = std::list<std::string>;
-
-// Runs `raise`, expects exactly an E, and returns its (code, message, args).
-template <typename E, typename F>
-std::tuple<int, std::string, Args> Caught(F raise) {
-  try {
-    raise();
-  } catch (const E& e) {
-    return std::make_tuple(e.GetErrorCode(), std::string(e.what()), e.GetArgs());
-  } catch (const std::exception& e) {
-    ADD_FAILURE() << "wrong exception type: " << e.what();
-    return {};
-  }
-  ADD_FAILURE() << "nothing thrown";
-  return {};
-}
-
-}  // namespace
+using namespace QenTest;
 
 TEST(ThrowException, EveryArgumentTypeFormatsTheTemplateAndRecordsTheArgument) {
   char mutableArg[] = "c/g/k";
   const char* constArg = "/a/b/c";
 
-  EXPECT_EQ(Caught<ConfigManagerException>(
+  EXPECT_EQ(FailureOf<ConfigManagerException>(
                 [&] { ThrowException<ConfigManagerException>(SCHEMA_NOT_FOUND, std::string("/a/b/c")); }),
             std::make_tuple(2021, std::string("Schema object not found: /a/b/c"), Args{"/a/b/c"}));
-  EXPECT_EQ(Caught<ConfigManagerException>(
+  EXPECT_EQ(FailureOf<ConfigManagerException>(
                 [&] { ThrowException<ConfigManagerException>(EXTRACT_FAILED, mutableArg); }),
             std::make_tuple(2031, std::string("Extract plugin failed: c/g/k"), Args{"c/g/k"}));
-  EXPECT_EQ(Caught<InvalidArgumentException>(
+  EXPECT_EQ(FailureOf<InvalidArgumentException>(
                 [&] { ThrowException<InvalidArgumentException>(NOT_SINGLETON, constArg); }),
             std::make_tuple(2022, std::string("Not a Singleton object: /a/b/c"), Args{"/a/b/c"}));
-  EXPECT_EQ(Caught<SchemaNotFound>([&] { ThrowException<SchemaNotFound>(SCHEMA_NOT_FOUND, "x:y:z"); }),
+  EXPECT_EQ(FailureOf<SchemaNotFound>([&] { ThrowException<SchemaNotFound>(SCHEMA_NOT_FOUND, "x:y:z"); }),
             std::make_tuple(2021, std::string("Schema object not found: x:y:z"), Args{"x:y:z"}));
 }
 
 TEST(ThrowException, ArgumentIsTakenVerbatimNeverAsAFormat) {
-  EXPECT_EQ(Caught<ConfigManagerException>(
+  EXPECT_EQ(FailureOf<ConfigManagerException>(
                 [] { ThrowException<ConfigManagerException>(INVALID_KEY_VALUE, "%s%n%d"); }),
             std::make_tuple(2084, std::string("Invalid value for key %s%n%d"), Args{"%s%n%d"}));
   // A template without a placeholder still keeps the argument (files name their path).
-  EXPECT_EQ(Caught<ConfigManagerException>(
+  EXPECT_EQ(FailureOf<ConfigManagerException>(
                 [] { ThrowException<ConfigManagerException>(PARSE_ERROR, std::string("/etc/x.json")); }),
             std::make_tuple(2080, std::string("Failed to parse JSON String"), Args{"/etc/x.json"}));
   const char* null = nullptr;
-  EXPECT_EQ(Caught<ConfigManagerException>([&] { ThrowException<ConfigManagerException>(CONFIG_NOT_FOUND, null); }),
+  EXPECT_EQ(FailureOf<ConfigManagerException>([&] { ThrowException<ConfigManagerException>(CONFIG_NOT_FOUND, null); }),
             std::make_tuple(2030, std::string("No configuration found for  in the config store"), Args{""}));
 }
 
 TEST(ThrowException, WithoutArgumentTheListStaysEmpty) {
-  EXPECT_EQ(Caught<InvalidImpact>([] { ThrowException<InvalidImpact>(IMPACT_INVALID); }),
+  EXPECT_EQ(FailureOf<InvalidImpact>([] { ThrowException<InvalidImpact>(IMPACT_INVALID); }),
             std::make_tuple(2025, std::string("The impact result is not applicable anymore."), Args{}));
-  EXPECT_EQ(Caught<HostNotInMM>([] { ThrowException<HostNotInMM>(HOST_NOT_IN_MM); }),
+  EXPECT_EQ(FailureOf<HostNotInMM>([] { ThrowException<HostNotInMM>(HOST_NOT_IN_MM); }),
             std::make_tuple(2026, std::string("The host must be in maintenance mode for apply to proceed."),
                             Args{}));
-  EXPECT_EQ(Caught<HostInDBM>([] { ThrowException<HostInDBM>(HOST_IN_DBM); }),
+  EXPECT_EQ(FailureOf<HostInDBM>([] { ThrowException<HostInDBM>(HOST_IN_DBM); }),
             std::make_tuple(2029,
                             std::string("The host has other pending desired configurations, please "
                                         "reboot the host."),
                             Args{}));
-  EXPECT_EQ(Caught<InvalidArgumentException>([] { ThrowException<InvalidArgumentException>(PARSE_ERROR); }),
+  EXPECT_EQ(FailureOf<InvalidArgumentException>([] { ThrowException<InvalidArgumentException>(PARSE_ERROR); }),
             std::make_tuple(2080, std::string("Failed to parse JSON String"), Args{}));
-  EXPECT_EQ(Caught<ConfigManagerException>([] { ThrowException<ConfigManagerException>(DB_CONNECT_ERROR); }),
+  EXPECT_EQ(FailureOf<ConfigManagerException>([] { ThrowException<ConfigManagerException>(DB_CONNECT_ERROR); }),
             std::make_tuple(2001, std::string("Failed to connect to ConfigStore"), Args{}));
 }
 
@@ -99,7 +79,7 @@ TEST(ThrowException, EveryClassIsCaughtThroughEachOfItsBases) {
 }
 
 TEST(ThrowException, CodeWithoutTemplateIsAnUnexpectedErrorNotACrash) {
-  EXPECT_EQ(Caught<QenConfigStore::ConfigStoreException>(
+  EXPECT_EQ(FailureOf<QenConfigStore::ConfigStoreException>(
                 [] { ThrowException<ConfigManagerException>(UNEXPECTED_ERROR, "x"); }),
             std::make_tuple(3000, std::string("ThrowException called with a code without message"), Args{}));
 }

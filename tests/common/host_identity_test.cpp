@@ -2,28 +2,15 @@
 
 #include <algorithm>
 
-#include "FakeSchema.h"
+#include "CommonTest.h"
 #include "HostRootTest.h"
 #include "QenConfigStore.h"
 #include "configmanager/common.h"
 
 using namespace QenConfigManager;
+using namespace QenTest;
 
 namespace {
-
-using Args = std::list<std::string>;
-
-rapidjson::Document Parse(const std::string& text) {
-  rapidjson::Document d;
-  ParseDocument(text, d);
-  return d;
-}
-
-std::string Compact(const rapidjson::Value& v) {
-  std::string out;
-  SerializeValue(v, out);
-  return out;
-}
 
 class HostIdentity : public QenTest::HostRootTest {
  protected:
@@ -32,14 +19,9 @@ class HostIdentity : public QenTest::HostRootTest {
   }
 };
 
-std::tuple<int, std::string, Args> InstanceIdFailure(const std::string& value, const std::string& field) {
-  try {
-    GetInstanceIdFromValue(Parse(value), std::make_shared<QenTest::FakeSchema>(true, field, std::vector<std::string>{}));
-  } catch (const ConfigManagerException& e) {
-    return std::make_tuple(e.GetErrorCode(), std::string(e.what()), e.GetArgs());
-  }
-  ADD_FAILURE() << "no ConfigManagerException for " << value;
-  return {};
+Failure InstanceIdFailure(const std::string& value, const std::string& field) {
+  auto schema = std::make_shared<FakeSchema>(true, field, std::vector<std::string>{});
+  return FailureOf<ConfigManagerException>([&] { GetInstanceIdFromValue(Parse(value), schema); });
 }
 
 }  // namespace
@@ -74,12 +56,12 @@ TEST_F(HostIdentity, MergedDocumentTakesOnlyThisHostsSection) {
 }
 
 TEST(GetInstanceIdFromValue, ReadsTheSchemasInstanceField) {
-  auto byName = std::make_shared<QenTest::FakeSchema>(true, "name", std::vector<std::string>{});
+  auto byName = std::make_shared<FakeSchema>(true, "name", std::vector<std::string>{});
   EXPECT_EQ(GetInstanceIdFromValue(Parse(R"({"uid": 0, "name": "root"})"), byName), "root");
-  auto generated = std::make_shared<QenTest::FakeSchema>(true, "cs_generated_id", std::vector<std::string>{});
+  auto generated = std::make_shared<FakeSchema>(true, "cs_generated_id", std::vector<std::string>{});
   EXPECT_EQ(GetInstanceIdFromValue(Parse(R"({"cs_generated_id": "6f1c"})"), generated), "6f1c");
   // A singleton key has no instance field: any value, even a non-object, has no identifier.
-  auto singleton = std::make_shared<QenTest::FakeSchema>(false, "", std::vector<std::string>{});
+  auto singleton = std::make_shared<FakeSchema>(false, "", std::vector<std::string>{});
   EXPECT_EQ(GetInstanceIdFromValue(Parse("[1]"), singleton), "");
 }
 

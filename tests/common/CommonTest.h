@@ -1,13 +1,50 @@
-// A key schema that answers only what the document functions ask: whether
-// the key is non-singleton, its instance field and its solution users.
+// Helpers of the foundation tests: parsing and printing through the library,
+// the (code, message, arguments) of a thrown failure, and a key schema that
+// answers only what the document functions ask (non-singleton, instance
+// field, solution users).
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <list>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "QenSchemaStore.h"
+#include "configmanager/common.h"
 
 namespace QenTest {
+
+using Args = std::list<std::string>;
+using Failure = std::tuple<int, std::string, Args>;
+
+inline rapidjson::Document Parse(const std::string& text) {
+  rapidjson::Document d;
+  QenConfigManager::ParseDocument(text, d);
+  return d;
+}
+
+inline std::string Compact(const rapidjson::Value& v) {
+  std::string out;
+  QenConfigManager::SerializeValue(v, out);
+  return out;
+}
+
+// Runs `raise`, expects an E, and returns its (code, message, arguments).
+template <typename E, typename F>
+Failure FailureOf(F raise) {
+  try {
+    raise();
+  } catch (const E& e) {
+    return std::make_tuple(e.GetErrorCode(), std::string(e.what()), e.GetArgs());
+  } catch (const std::exception& e) {
+    ADD_FAILURE() << "wrong exception type: " << e.what();
+    return {};
+  }
+  ADD_FAILURE() << "nothing thrown";
+  return {};
+}
 
 class FakeSchema : public QenSchemaStore::SchemaObject {
  public:
