@@ -355,6 +355,14 @@ void ClearDesiredConfig();
 
 // ---- boot ------------------------------------------------------------------
 
+// The store's own step early in boot, before the boot-time apply: the staged
+// desired configuration (host and SmartNIC) becomes the current one, staging
+// is cleared, boot mode 0, the boot is marked incomplete. A staged value that
+// is not JSON (written by another client) is not restored: its key is
+// recorded as a boot-time restore failure and keeps its current value. The
+// previous boot's failures are dropped first.
+void RestoreDesiredConfigAtBoot();
+
 int GetBootMode();
 void SetBootMode(int mode);
 

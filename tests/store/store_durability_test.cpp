@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 
 #include "StoreTestSupport.h"
@@ -224,6 +225,43 @@ TEST_F(StoreDurabilityTest, BootApplyStateAndRestoreFailures) {
   EXPECT_EQ(failures[1].toString(), "comp a grp g key k1");
   ClearBootTimeRestoreFailures();
   EXPECT_TRUE(GetBootTimeRestoreFailures().empty());
+}
+
+TEST_F(StoreDurabilityTest, BootRestoreMakesStagedConfigurationCurrent) {
+  auto doc = Doc(R"({"c": {"g": {"k": {"v": 5}, "other": {"o": 1}}}})");
+  SetDesiredUserConfig(doc);
+  setBootApplyRecord("previous");
+  RestoreDesiredConfigAtBoot();
+  auto conn = Connect();
+  EXPECT_EQ(Lines(GetUserConfigContents(conn)),
+            (std::vector<std::string>{R"(c/g/k/={"v":5})", R"(c/g/other/={"o":1})"}));
+  EXPECT_EQ(Lines(GetDesiredUserConfigContents(conn)), Lines(GetUserConfigContents(conn)));
+  EXPECT_FALSE(CheckDesiredObjectExists(ConfigStoreObjectId("k", "g", "c"), conn));
+  EXPECT_EQ(GetBootMode(), BOOTMODE_NORMAL);
+  EXPECT_FALSE(getBootApplyRecord()->GetDocument()["isBootComplete"].GetBool());
+  // The default of the replaced key survives.
+  EXPECT_EQ(GetDefaultUserConfigMapList(ConfigStoreObjectId("k", "g", "c"), conn).size(), 1u);
+}
+
+TEST_F(StoreDurabilityTest, StagedValueThatIsNotJsonIsARestoreFailure) {
+  // Another client (the Python plugin SDK uses the sqlite3 module) stages a
+  // broken value next to a good one.
+  DeleteHostAPIConfiguration("c", "g", "gone");
+  WriteFile("/tmp/stage.py",
+            "import sqlite3, sys\n"
+            "c = sqlite3.connect(sys.argv[1])\n"
+            "c.execute(\"INSERT INTO desired_object VALUES('host','c','g','k','','SET','{broken',1)\")\n"
+            "c.execute(\"INSERT INTO desired_object VALUES('host','c','g','n','','SET','{\\\"a\\\":1}',1)\")\n"
+            "c.commit()\n");
+  ASSERT_EQ(std::system(("python3 " + Path("/tmp/stage.py") + " " + Path(kDatabasePath)).c_str()), 0);
+  RestoreDesiredConfigAtBoot();
+  auto failures = GetBootTimeRestoreFailures();
+  ASSERT_EQ(failures.size(), 1u);
+  EXPECT_EQ(failures[0].toString(), "comp c grp g key k");
+  EXPECT_EQ(Lines(GetUserConfigContents(Connect())),
+            (std::vector<std::string>{R"(c/g/k/={"v":1})",
+                                      R"(c/g/list/x={"cs_generated_id":"x","n":1})",
+                                      R"(c/g/n/={"a":1})"}));
 }
 
 TEST_F(StoreDurabilityTest, StatisticsCountRowsAndValueBytes) {

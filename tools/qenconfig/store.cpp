@@ -1,6 +1,7 @@
 // qenconfig store: seeding and inspecting the host's configuration store.
 //   store load FILE   replace the store's content by a store description
 //   store dump        print the store's content as a store description
+//   store boot        early-boot step: staged desired configuration becomes current
 //   store stats       print the store's size statistics
 #include <iostream>
 
@@ -46,6 +47,18 @@ qenconfig::Registrar reg([](CLI::App& app) {
     qenconfig::Exit(qenconfig::Run([] {
       QenConfigStore::GetDBStore(DBStore::USER, false);  // a missing store is an error, not created
       PrintPretty(QenConfigStore::DumpStoreDescription()->GetDocument());
+      return 0;
+    }));
+  });
+
+  auto* boot = store->add_subcommand(
+      "boot", "Early-boot step: make the staged desired configuration the current one");
+  boot->callback([] {
+    qenconfig::Exit(qenconfig::Run([] {
+      QenConfigStore::GetDBStore(DBStore::USER, false);
+      QenConfigStore::RestoreDesiredConfigAtBoot();
+      for (const auto& id : QenConfigStore::GetBootTimeRestoreFailures())
+        std::cerr << "not restored: " << id.toString() << "\n";
       return 0;
     }));
   });

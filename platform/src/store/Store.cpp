@@ -1,6 +1,7 @@
 // Store operations: reads as map lists and objects, staging of desired
 // configuration, boot state and statistics.
 #include <mutex>
+#include <set>
 
 #include "QenSchemaStore.h"
 #include "StoreRows.h"
@@ -387,6 +388,63 @@ void ClearDesiredConfig() {
     SetMeta(impl, "desiredMode.host", "overlay");
     SetMeta(impl, "desiredMode.smartnic", "overlay");
     SetMeta(impl, "bootMode", std::to_string(BOOTMODE_NORMAL));
+  });
+}
+
+void RestoreDesiredConfigAtBoot() {
+  auto conn = GlobalConnection();
+  WriteTransaction(Of(conn), [&] {
+    Impl& impl = Of(conn);
+    Cursor(impl, "DELETE FROM restore_failure").Run();
+    for (const char* scope : {kHost, kSmartnic}) {
+      const std::string mode = GetMeta(impl, std::string("desiredMode.") + scope, "overlay");
+      struct Staged { std::string c, g, k, id, value; int64_t ordinal; };
+      std::vector<Staged> staged;
+      {
+        Cursor c(impl,
+                 "SELECT component, grp, name, identifier, value, ordinal FROM desired_object"
+                 " WHERE scope = ?1 AND op = 'SET' ORDER BY component, grp, name, ordinal");
+        c.Bind(1, std::string(scope));
+        while (c.Step()) staged.push_back({c.Text(0), c.Text(1), c.Text(2), c.Text(3), c.Text(4), c.Int(5)});
+      }
+      std::set<std::string> failed;
+      for (const Staged& s : staged) {
+        rapidjson::Document parsed;
+        parsed.Parse(s.value.c_str(), s.value.size());
+        if (!parsed.HasParseError()) continue;
+        if (failed.insert(s.c + "\x1f" + s.g + "\x1f" + s.k).second)
+          Cursor(impl, "INSERT INTO restore_failure(component, grp, name) VALUES(?1, ?2, ?3)")
+              .Bind(1, s.c).Bind(2, s.g).Bind(3, s.k).Run();
+      }
+      // A whole document replaces every current user value; otherwise only
+      // the staged keys change. Keys that failed keep what they had.
+      Cursor(impl,
+             "UPDATE config_object SET current_value = NULL WHERE scope = ?1 AND category = 'user'"
+             " AND (?2 = 'document' OR EXISTS (SELECT 1 FROM desired_object d WHERE"
+             "  d.scope = config_object.scope AND d.component = config_object.component AND"
+             "  d.grp = config_object.grp AND d.name = config_object.name))"
+             " AND NOT EXISTS (SELECT 1 FROM restore_failure f WHERE f.component ="
+             "  config_object.component AND f.grp = config_object.grp AND f.name = config_object.name)")
+          .Bind(1, std::string(scope)).Bind(2, mode).Run();
+      for (const Staged& s : staged) {
+        if (failed.count(s.c + "\x1f" + s.g + "\x1f" + s.k)) continue;
+        Cursor(impl,
+               "INSERT INTO config_object(scope, component, grp, name, identifier, category,"
+               " current_value, ordinal) VALUES(?1, ?2, ?3, ?4, ?5, 'user', ?6, ?7)"
+               " ON CONFLICT(scope, component, grp, name, identifier)"
+               " DO UPDATE SET current_value = excluded.current_value, ordinal = excluded.ordinal")
+            .Bind(1, std::string(scope)).Bind(2, s.c).Bind(3, s.g).Bind(4, s.k).Bind(5, s.id)
+            .Bind(6, s.value).Bind(7, s.ordinal).Run();
+      }
+      Cursor(impl,
+             "DELETE FROM config_object WHERE scope = ?1 AND default_value IS NULL AND"
+             " current_value IS NULL AND autoconf_value IS NULL")
+          .Bind(1, std::string(scope)).Run();
+      Cursor(impl, "DELETE FROM desired_object WHERE scope = ?1").Bind(1, std::string(scope)).Run();
+      SetMeta(impl, std::string("desiredMode.") + scope, "overlay");
+    }
+    SetMeta(impl, "bootMode", std::to_string(BOOTMODE_NORMAL));
+    SetMeta(impl, "isBootComplete", "0");
   });
 }
 
