@@ -1,6 +1,8 @@
 // The compliance check's entries, their member orders and the result's life.
 #include <gmock/gmock.h>
 
+#include <boost/filesystem.hpp>
+
 #include "ConfigStoreDocument.h"
 #include "DriftFixture.h"
 #include "drift/Compliance.h"
@@ -37,6 +39,9 @@ class ComplianceTest : public DriftFixture {
 
 // CheckCompliance against the host's stored configuration.
 TEST_F(ComplianceTest, CheckComplianceComparesWithTheHostAndFinishesTheTask) {
+  // A host without plugins: its configuration is what the store holds.
+  WriteFile("/etc/corvane/features.json", R"({"features": {}})");
+  boost::filesystem::create_directories(Path("/usr/lib/corvane/configmanager/apply_modules"));
   auto stored = DriftTest::Parse(R"({"host": {"current": {"c": {"g": {"other": {"a": "x"}}}}}})");
   QenConfigStore::LoadStoreDescription(stored->GetDocument());
   auto desired = DriftTest::Parse(R"({"profile": {"c": {"g": {"other": {"a": "x"}}}}})");
