@@ -1,6 +1,8 @@
 // The compliance check: the drift walk with a handler that records every
 // difference as an entry of a ComplianceResult.
 #include <cstring>
+#include <initializer_list>
+#include <utility>
 
 #include "CSLogger.h"
 #include "ConfigStoreDocument.h"
@@ -11,16 +13,22 @@ namespace {
 
 constexpr const char* kInstallerPath = "/qen/system/installer";
 
-rapidjson::Value& Entries(ComplianceResult& result, const char* array) {
-  return result.details[array];
-}
-
-void AddRedacted(rapidjson::Document& doc, rapidjson::Value& entry, const char* member,
-                 const rapidjson::Value& schemaNode, const rapidjson::Value& value) {
-  if (value.IsNull()) return;
-  rapidjson::Value text(ConfigStoreDocument::RedactAndSerializeValue(schemaNode, value),
-                        doc.GetAllocator());
-  entry.AddMember(rapidjson::StringRef(member), text, doc.GetAllocator());
+// Marks the result non-compliant and appends to `array` an entry with the
+// path and, in the order given, each side that is not null as redacted text.
+void Record(ComplianceResult& result, const char* array, const std::string& path,
+            const rapidjson::Value& schemaNode,
+            std::initializer_list<std::pair<const char*, const rapidjson::Value*>> sides) {
+  result.compliant = false;
+  rapidjson::Document& doc = result.details;
+  rapidjson::Value entry(rapidjson::kObjectType);
+  populateResult(doc, path, entry);
+  for (const auto& side : sides) {
+    if (side.second->IsNull()) continue;
+    rapidjson::Value text(ConfigStoreDocument::RedactAndSerializeValue(schemaNode, *side.second),
+                          doc.GetAllocator());
+    entry.AddMember(rapidjson::StringRef(side.first), text, doc.GetAllocator());
+  }
+  doc[array].PushBack(entry, doc.GetAllocator());
 }
 
 }  // namespace
@@ -47,12 +55,7 @@ void CheckComplianceHandler::Add(const rapidjson::Value& desiredValue, const Con
                                  const std::shared_ptr<SchemaObject>& schema,
                                  const std::string& path) {
   CSLogger::Log(2, "ADD drift detected at %s", path.c_str());
-  result->compliant = false;
-  rapidjson::Document& doc = result->details;
-  rapidjson::Value entry(rapidjson::kObjectType);
-  populateResult(doc, path, entry);
-  AddRedacted(doc, entry, "desiredValue", schema->GetSchemaJson(), desiredValue);
-  Entries(*result, "ADDS").PushBack(entry, doc.GetAllocator());
+  Record(*result, "ADDS", path, schema->GetSchemaJson(), {{"desiredValue", &desiredValue}});
 }
 
 void CheckComplianceHandler::Set(const rapidjson::Value& desiredValue,
@@ -60,27 +63,17 @@ void CheckComplianceHandler::Set(const rapidjson::Value& desiredValue,
                                  const std::shared_ptr<SchemaObject>& schema,
                                  const std::string& path, const rapidjson::Value&) {
   CSLogger::Log(2, "SET drift detected at %s", path.c_str());
-  result->compliant = false;
-  rapidjson::Document& doc = result->details;
-  rapidjson::Value entry(rapidjson::kObjectType);
-  populateResult(doc, path, entry);
-  AddRedacted(doc, entry, "hostValue", schema->GetSchemaJson(), hostValue);
-  AddRedacted(doc, entry, "desiredValue", schema->GetSchemaJson(), desiredValue);
   // Without consolidated actions a Set only comes for a key that the host
   // lacks: it is an addition.
-  Entries(*result, "ADDS").PushBack(entry, doc.GetAllocator());
+  Record(*result, "ADDS", path, schema->GetSchemaJson(),
+         {{"hostValue", &hostValue}, {"desiredValue", &desiredValue}});
 }
 
 void CheckComplianceHandler::Delete(const rapidjson::Value& hostValue, const ConfigStoreObjectId&,
                                     const std::shared_ptr<SchemaObject>& schema,
                                     const std::string& path) {
   CSLogger::Log(2, "DELETE drift detected at %s", path.c_str());
-  result->compliant = false;
-  rapidjson::Document& doc = result->details;
-  rapidjson::Value entry(rapidjson::kObjectType);
-  populateResult(doc, path, entry);
-  AddRedacted(doc, entry, "hostValue", schema->GetSchemaJson(), hostValue);
-  Entries(*result, "DELETES").PushBack(entry, doc.GetAllocator());
+  Record(*result, "DELETES", path, schema->GetSchemaJson(), {{"hostValue", &hostValue}});
 }
 
 void CheckComplianceHandler::PropertyDrift(const rapidjson::Value& desiredValue,
@@ -90,7 +83,6 @@ void CheckComplianceHandler::PropertyDrift(const rapidjson::Value& desiredValue,
   // The installer's own settings differ between hosts by design.
   if (path.find(kInstallerPath) != std::string::npos) return;
   CSLogger::Log(2, "Property-level drift detected at %s", path.c_str());
-  result->compliant = false;
 
   const rapidjson::Value* type = &propertySchema["type"];
   if (std::strcmp(type->GetString(), "array") == 0) type = &propertySchema["items"]["type"];
@@ -98,13 +90,9 @@ void CheckComplianceHandler::PropertyDrift(const rapidjson::Value& desiredValue,
   // scalar property that differs in any way is a change.
   if (std::strcmp(type->GetString(), "object") != 0) action = SET;
 
-  rapidjson::Document& doc = result->details;
-  rapidjson::Value entry(rapidjson::kObjectType);
-  populateResult(doc, path, entry);
-  AddRedacted(doc, entry, "desiredValue", propertySchema, desiredValue);
-  AddRedacted(doc, entry, "hostValue", propertySchema, hostValue);
   const char* array = action == ADD ? "ADDS" : action == DELETE ? "DELETES" : "SETS";
-  Entries(*result, array).PushBack(entry, doc.GetAllocator());
+  Record(*result, array, path, propertySchema,
+         {{"desiredValue", &desiredValue}, {"hostValue", &hostValue}});
 }
 
 void CheckCompliance(rapidjson::Document& desired, bool propertyLevel, ComplianceResult& result,
