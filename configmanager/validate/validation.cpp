@@ -190,8 +190,16 @@ void Validate(const rapidjson::Document& doc, const rapidjson::Document& schemaD
 
 bool IsValidCSO(const std::shared_ptr<QenSchemaStore::SchemaObject>& schema,
                 const std::shared_ptr<QenConfigStore::ConfigStoreObject>& object) {
+  // An instance of a non-singleton key is checked against the instance
+  // schema; the key's own node describes the whole array.
+  const rapidjson::Value& keySchema = schema->GetSchemaJson();
+  const rapidjson::Value* valueSchema = &keySchema;
+  if (keySchema.IsObject() && !object->GetJson().IsArray()) {
+    auto items = keySchema.FindMember("items");
+    if (items != keySchema.MemberEnd()) valueSchema = &items->value;
+  }
   rapidjson::Document errors(rapidjson::kArrayType);
-  JsonValidator::Validate(schema->GetSchemaJson(), object->GetJson(), errors, CSO_CODE_SET, "");
+  JsonValidator::Validate(*valueSchema, object->GetJson(), errors, CSO_CODE_SET, "");
   if (errors.Empty()) return true;
 
   CSLogger::Log(0, "Invalid ConfigStoreObject: %s",

@@ -250,3 +250,23 @@ TEST_F(AutoConfigTest, UnparsableAutoConfigIsAParseError) {
 }
 
 }  // namespace
+
+namespace {
+
+const char* kUserExtractPy = R"(import qenplugin
+
+def extract(call):
+    for object_id in call.request.GetCSOIdsForExtract():
+        for name in ("root", "ops"):
+            instance = qenplugin.ConfigStoreObjectId(object_id.key, object_id.group,
+                                                     object_id.component, name)
+            call.result.AddObject(instance, {"name": name, "shell": name == "root"})
+)";
+
+TEST_F(ExtractionTest, PluginInstancesOfANonSingletonAreCheckedAgainstTheInstanceSchema) {
+  WritePythonPlugin("users", ExtractManifest("sys:users:user"), kUserExtractPy);
+  EXPECT_EQ(Text(ExtractCurrentConfiguration()),
+            R"({"sys":{"users":{"user":[{"name":"ops","shell":false},{"name":"root","shell":true}]}}})");
+}
+
+}  // namespace
