@@ -266,7 +266,7 @@ def extract(call):
 TEST_F(ExtractionTest, PluginInstancesOfANonSingletonAreCheckedAgainstTheInstanceSchema) {
   WritePythonPlugin("users", ExtractManifest("sys:users:user"), kUserExtractPy);
   EXPECT_EQ(Text(ExtractCurrentConfiguration()),
-            R"({"sys":{"users":{"user":[{"name":"ops","shell":false},{"name":"root","shell":true}]}}})");
+            R"({"sys":{"users":{"user":[{"name":"root","shell":true},{"name":"ops","shell":false}]}}})");
 }
 
 }  // namespace
