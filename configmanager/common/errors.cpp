@@ -127,35 +127,7 @@ QCM_INSTANTIATE_THROW(InvalidArgumentException)
 QCM_INSTANTIATE_THROW(SchemaNotFound)
 #undef QCM_INSTANTIATE_THROW
 
-// ErrorInfo value semantics. Serialisation lives in the platform's plugin
-// support library.
-ErrorInfo::ErrorInfo(const ErrorInfo& other)
-    : msgId(other.msgId), args(other.args), message(other.message) {}
-
-ErrorInfo::ErrorInfo(ErrorInfo&& other) noexcept
-    : msgId(std::move(other.msgId)), args(std::move(other.args)), message(std::move(other.message)) {
-  other.args.clear();
-}
-
-ErrorInfo& ErrorInfo::operator=(const ErrorInfo& other) {
-  if (this != &other) {
-    msgId = other.msgId;
-    args = other.args;
-    message = other.message;
-  }
-  return *this;
-}
-
-ErrorInfo& ErrorInfo::operator=(ErrorInfo&& other) noexcept {
-  if (this != &other) {
-    msgId.swap(other.msgId);
-    message.swap(other.message);
-    args = std::move(other.args);
-    other.args.clear();
-  }
-  return *this;
-}
-
-ErrorInfo::~ErrorInfo() = default;
+// ErrorInfo's value semantics and serialisation live in the platform's
+// plugin support library, which the runners link without this library.
 
 }  // namespace QenConfigManager

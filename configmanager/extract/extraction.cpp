@@ -39,6 +39,12 @@ std::shared_ptr<QenSchemaStore::SchemaStore> RequireSchemaStore() {
   return store;
 }
 
+std::shared_ptr<QenConfigStore::JsonDoc> CreateObjectDocument() {
+  std::shared_ptr<QenConfigStore::JsonDoc> result = CreateDocument();
+  result->GetDocument().SetObject();
+  return result;
+}
+
 // Runs one SSH source's sync; a std::exception is logged and swallowed.
 template <typename Source>
 void SyncSource(const char* synced, const char* failed) {
@@ -230,10 +236,8 @@ void ProcessConfigMapList(rapidjson::Document& doc, const ConfigMapList& list,
 std::shared_ptr<QenConfigStore::JsonDoc> ExtractCurrentConfiguration() {
   CSLogger::Log(3, "%s invoked", "ExtractCurrentConfiguration");
   SyncSshConfiguration();
-  std::shared_ptr<QenConfigStore::JsonDoc> result = CreateDocument();
+  std::shared_ptr<QenConfigStore::JsonDoc> result = CreateObjectDocument();
   rapidjson::Document& doc = result->GetDocument();
-  doc.SetObject();
-
   std::shared_ptr<DBStore::StoreConnection> connection = QenConfigStore::GetDBStore(0, true);
   ConfigMapList list = QenConfigStore::GetUserConfigContents(connection);
   std::shared_ptr<QenSchemaStore::SchemaStore> store = RequireSchemaStore();
@@ -246,13 +250,10 @@ std::shared_ptr<QenConfigStore::JsonDoc> ExtractCurrentConfiguration() {
 
 std::shared_ptr<QenConfigStore::JsonDoc> ExtractDesiredConfiguration() {
   CSLogger::Log(3, "%s invoked", "ExtractDesiredConfiguration");
-  std::shared_ptr<QenConfigStore::JsonDoc> result = CreateDocument();
-  rapidjson::Document& doc = result->GetDocument();
-  doc.SetObject();
+  std::shared_ptr<QenConfigStore::JsonDoc> result = CreateObjectDocument();
   std::shared_ptr<DBStore::StoreConnection> connection = QenConfigStore::GetDBStore(0, true);
   ConfigMapList list = QenConfigStore::GetDesiredUserConfigContents(connection);
-  std::shared_ptr<QenSchemaStore::SchemaStore> store = RequireSchemaStore();
-  ProcessConfigMapList(doc, list, store, DOC_DESIRED, nullptr);
+  ProcessConfigMapList(result->GetDocument(), list, RequireSchemaStore(), DOC_DESIRED, nullptr);
   return result;
 }
 
