@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "PluginHost.h"
+#include "CustomHost.h"
 #include "configmanager/extract.h"
 #include "extract/extraction_internal.h"
 
@@ -50,10 +50,10 @@ std::string ExtractManifest(const std::string& accepts) {
          R"("], "extract": {"supports": true}})";
 }
 
-class ExtractionTest : public QenTest::PluginHostTest {
+class ExtractionTest : public QenTest::CustomHostTest {
  protected:
   void SetUp() override {
-    PluginHostTest::SetUp();
+    CustomHostTest::SetUp();
     WriteKeySchema("sys", "time", "ntp", kNtpSchema);
     WriteKeySchema("sys", "users", "user", kUserSchema);
   }

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "JsonValidator.h"
-#include "PluginHost.h"
+#include "CustomHost.h"
 #include "configmanager/validate.h"
 
 using namespace QenConfigManager;
@@ -62,10 +62,10 @@ rapidjson::Document Parse(const std::string& text) {
   return doc;
 }
 
-class ValidationTest : public QenTest::PluginHostTest {
+class ValidationTest : public QenTest::CustomHostTest {
  protected:
   void SetUp() override {
-    PluginHostTest::SetUp();
+    CustomHostTest::SetUp();
     WriteKeySchema("test", "grp", "alpha", kAlphaSchema);
     WriteKeySchema("test", "grp", "beta", kBetaSchema);
   }

@@ -14,7 +14,7 @@
 
 namespace QenTest {
 
-class PluginHostTest : public HostRootTest {
+class CustomHostTest : public HostRootTest {
  protected:
   void SetUp() override;
 

@@ -1,4 +1,4 @@
-#include "PluginHost.h"
+#include "CustomHost.h"
 
 #include <boost/filesystem.hpp>
 
@@ -12,7 +12,7 @@ const char* kSchemaDir = "/usr/lib/corvane/configstore/schemas";
 const char* kModulesDir = "/usr/lib/corvane/configmanager/apply_modules";
 }  // namespace
 
-void PluginHostTest::SetUp() {
+void CustomHostTest::SetUp() {
   HostRootTest::SetUp();
   InstallSampleHost();
   boost::filesystem::remove_all(Path(kSchemaDir));
@@ -23,27 +23,27 @@ void PluginHostTest::SetUp() {
   QenSchemaStore::SchemaStore::Invalidate();
 }
 
-void PluginHostTest::WriteKeySchema(const std::string& component, const std::string& group,
+void CustomHostTest::WriteKeySchema(const std::string& component, const std::string& group,
                                     const std::string& key, const std::string& fileBody) {
   WriteFile(std::string(kSchemaDir) + "/" + component + "/" + group + "/" + key + ".json", fileBody);
   QenSchemaStore::SchemaStore::Invalidate();
 }
 
-void PluginHostTest::WritePythonPlugin(const std::string& name, const std::string& manifest,
+void CustomHostTest::WritePythonPlugin(const std::string& name, const std::string& manifest,
                                        const std::string& pluginPy) {
   std::string dir = std::string(kModulesDir) + "/" + name;
   WriteFile(dir + "/manifest.json", manifest);
   if (!pluginPy.empty()) WriteFile(dir + "/plugin.py", pluginPy);
 }
 
-void PluginHostTest::LoadStore(const std::string& description) {
+void CustomHostTest::LoadStore(const std::string& description) {
   rapidjson::Document doc;
   doc.Parse(description.c_str());
   ASSERT_FALSE(doc.HasParseError()) << description;
   QenConfigStore::LoadStoreDescription(doc);
 }
 
-void PluginHostTest::EnableFeature(const std::string& name) {
+void CustomHostTest::EnableFeature(const std::string& name) {
   WriteFile("/etc/corvane/features.json", "{\"features\": {\"" + name + "\": true}}");
 }
 
