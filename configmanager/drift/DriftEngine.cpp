@@ -163,6 +163,8 @@ bool IsEmptyValue(const rapidjson::Value& value) {
 void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::Value& second,
                     const std::shared_ptr<QenSchemaStore::SchemaStore>& schemaStore, bool reverse) {
   if (first.MemberCount() == 0) return;
+  const bool reverseAfterForward =
+      reverse && ctx.forwardFirst == &second && ctx.forwardSecond == &first;
   // The other side is looked up lazily, once per component and group, and
   // only where `first` has keys: its shape is checked where it is used.
   std::unique_ptr<MemberLookup> secondComponents;
@@ -175,6 +177,28 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
       std::unique_ptr<MemberLookup> secondKeys;
       bool groupLooked = false;
       for (auto k = g->value.MemberBegin(); k != g->value.MemberEnd(); ++k) {
+        auto lookSecond = [&]() {
+          if (!componentLooked) {
+            componentLooked = true;
+            if (!secondComponents) secondComponents.reset(new MemberLookup(second));
+            if (const rapidjson::Value* sc = secondComponents->Find(c->name)) {
+              (void)sc->GetObject();
+              secondGroups.reset(new MemberLookup(*sc));
+            }
+          }
+          if (!groupLooked) {
+            groupLooked = true;
+            const rapidjson::Value* sg = secondGroups ? secondGroups->Find(g->name) : nullptr;
+            if (sg) {
+              (void)sg->GetObject();
+              secondKeys.reset(new MemberLookup(*sg));
+            }
+          }
+          return secondKeys ? secondKeys->Find(k->name) : nullptr;
+        };
+        // `second` was walked forward, so its shape checks passed already and
+        // these lookups may come before the schema's.
+        if (reverseAfterForward && lookSecond()) continue;
         const std::string kName(k->name.GetString(), k->name.GetStringLength());
         ctx.path.clear();
         PathScope inComponent(ctx.path, cName.data(), cName.size());
@@ -190,23 +214,7 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
         }
         ConfigStoreObjectId id(kName, gName, cName);
 
-        if (!componentLooked) {
-          componentLooked = true;
-          if (!secondComponents) secondComponents.reset(new MemberLookup(second));
-          if (const rapidjson::Value* sc = secondComponents->Find(c->name)) {
-            (void)sc->GetObject();
-            secondGroups.reset(new MemberLookup(*sc));
-          }
-        }
-        if (!groupLooked) {
-          groupLooked = true;
-          const rapidjson::Value* sg = secondGroups ? secondGroups->Find(g->name) : nullptr;
-          if (sg) {
-            (void)sg->GetObject();
-            secondKeys.reset(new MemberLookup(*sg));
-          }
-        }
-        const rapidjson::Value* other = secondKeys ? secondKeys->Find(k->name) : nullptr;
+        const rapidjson::Value* other = lookSecond();
         // Keys on both sides were compared by the forward pass.
         if (other && reverse) continue;
 
@@ -221,6 +229,10 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
         }
       }
     }
+  }
+  if (!reverse) {
+    ctx.forwardFirst = &first;
+    ctx.forwardSecond = &second;
   }
 }
 

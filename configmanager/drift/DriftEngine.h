@@ -60,6 +60,11 @@ struct WalkContext {
   // Nesting of compareValue, limited so a hostile document cannot exhaust
   // the stack.
   int depth = 0;
+  // The documents of the last completed forward pass (first, second). A
+  // reverse pass over the same two skips keys that pass compared without
+  // looking up their schemas again: the forward pass found every one.
+  const rapidjson::Value* forwardFirst = nullptr;
+  const rapidjson::Value* forwardSecond = nullptr;
 };
 
 // Appends "/<segment>" to the walk's path for the scope's lifetime.

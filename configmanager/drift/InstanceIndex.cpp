@@ -71,13 +71,21 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
     }
     case rapidjson::kArrayType: {
       // The set of element hashes: the same for any order and multiplicity.
-      std::vector<uint64_t> elements;
-      elements.reserve(value.Size());
-      for (auto& e : value.GetArray()) elements.push_back(HashValue(e, depth + 1));
-      std::sort(elements.begin(), elements.end());
-      elements.erase(std::unique(elements.begin(), elements.end()), elements.end());
+      // Short arrays (the common case) sort on the stack.
+      constexpr rapidjson::SizeType kShort = 16;
+      uint64_t local[kShort];
+      std::vector<uint64_t> heap;
+      const rapidjson::SizeType n = value.Size();
+      uint64_t* elements = local;
+      if (n > kShort) {
+        heap.resize(n);
+        elements = heap.data();
+      }
+      for (rapidjson::SizeType i = 0; i < n; ++i) elements[i] = HashValue(value[i], depth + 1);
+      std::sort(elements, elements + n);
+      uint64_t* end = std::unique(elements, elements + n);
       uint64_t h = 0x77;
-      for (uint64_t e : elements) h = Mix(h ^ e) + e;
+      for (uint64_t* e = elements; e != end; ++e) h = Mix(h ^ *e) + *e;
       return h;
     }
   }

@@ -8,8 +8,10 @@
 // threads; GetStore()/GetCache()/Invalidate() are thread-safe.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -101,7 +103,15 @@ class SchemaCache {
   const std::vector<std::shared_ptr<SchemaObject>>& GetSchemas() const { return schemas_; }
 
  private:
+  // The first schema of `id` in sorted order, or null.
+  const std::shared_ptr<SchemaObject>* Find(std::string_view component, std::string_view group,
+                                            std::string_view key) const;
+
   std::vector<std::shared_ptr<SchemaObject>> schemas_;  // sorted by id
+  // Open-addressed hash index over schemas_ (position + 1, 0 = free): a
+  // lookup hashes the three names instead of binary-searching and copying
+  // them into an id.
+  std::vector<uint32_t> index_;
 };
 
 class SchemaStore {

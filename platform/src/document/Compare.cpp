@@ -4,6 +4,7 @@
 // a hash match is always confirmed by a full comparison.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <string_view>
@@ -69,6 +70,51 @@ size_t HashValue(const Value& v, int depth) {
 }
 
 bool Equal(const Value& a, const Value& b, const Value* node, int depth);
+
+// Flags of used positions; up to 64 in a word, so small values allocate
+// nothing.
+class UsedFlags {
+ public:
+  explicit UsedFlags(size_t n) {
+    if (n > 64) many_.assign(n, false);
+  }
+  bool operator[](size_t i) const { return many_.empty() ? (few_ >> i) & 1 : many_[i]; }
+  void Set(size_t i) {
+    if (many_.empty())
+      few_ |= uint64_t(1) << i;
+    else
+      many_[i] = true;
+  }
+
+ private:
+  uint64_t few_ = 0;
+  std::vector<bool> many_;
+};
+
+// Element pointers of an array, on the stack for short arrays.
+class ElementPointers {
+ public:
+  explicit ElementPointers(const Value& array) : size_(array.Size()) {
+    if (size_ > kShort) {
+      heap_.resize(size_);
+      data_ = heap_.data();
+    }
+    for (rapidjson::SizeType i = 0; i < size_; ++i) data_[i] = &array[i];
+  }
+  ElementPointers(const ElementPointers&) = delete;
+  ElementPointers& operator=(const ElementPointers&) = delete;
+  const Value** begin() { return data_; }
+  const Value** end() { return data_ + size_; }
+  size_t size() const { return size_; }
+  const Value* operator[](size_t i) const { return data_[i]; }
+
+ private:
+  static constexpr size_t kShort = 16;
+  const Value* local_[kShort];
+  std::vector<const Value*> heap_;
+  const Value** data_ = local_;
+  size_t size_;
+};
 
 // Pairs every element of `a` with a distinct equal element of `b`, both
 // arrays of the same size, in any order.
@@ -174,11 +220,7 @@ bool ScalarLess(const Value* x, const Value* y) {
 bool SameScalarKey(const Value* x, const Value* y) { return !ScalarLess(x, y) && !ScalarLess(y, x); }
 
 bool ScalarMultisetEqual(const Value& a, const Value& b) {
-  std::vector<const Value*> xs, ys;
-  xs.reserve(a.Size());
-  ys.reserve(b.Size());
-  for (auto& e : a.GetArray()) xs.push_back(&e);
-  for (auto& e : b.GetArray()) ys.push_back(&e);
+  ElementPointers xs(a), ys(b);
   std::sort(xs.begin(), xs.end(), ScalarLess);
   std::sort(ys.begin(), ys.end(), ScalarLess);
   // Within a run of one sort key, pair exactly (large integers may share a
@@ -191,11 +233,14 @@ bool ScalarMultisetEqual(const Value& a, const Value& b) {
         (end < ys.size() && SameScalarKey(xs[i], ys[end]))) {
       return false;
     }
-    std::vector<bool> used(end - i, false);
+    UsedFlags used(end - i);
     for (size_t p = i; p < end; ++p) {
       bool found = false;
       for (size_t q = i; q < end && !found; ++q) {
-        if (!used[q - i] && *xs[p] == *ys[q]) used[q - i] = found = true;
+        if (!used[q - i] && *xs[p] == *ys[q]) {
+          used.Set(q - i);
+          found = true;
+        }
       }
       if (!found) return false;
     }
@@ -213,7 +258,7 @@ bool ObjectsEqual(const Value& a, const Value& b, const Value* node, int depth) 
   for (auto& m : b.GetObject()) {
     if (!IsGeneratedId(m.name)) ++countB;
   }
-  std::vector<bool> used(b.MemberCount(), false);
+  UsedFlags used(b.MemberCount());
   for (auto& m : a.GetObject()) {
     if (IsGeneratedId(m.name)) continue;
     ++countA;
@@ -222,7 +267,10 @@ bool ObjectsEqual(const Value& a, const Value& b, const Value* node, int depth) 
     for (auto it = b.MemberBegin(); it != b.MemberEnd() && !found; ++it) {
       const size_t j = static_cast<size_t>(it - b.MemberBegin());
       if (used[j] || it->name != m.name) continue;
-      if (Equal(m.value, it->value, prop, depth + 1)) used[j] = found = true;
+      if (Equal(m.value, it->value, prop, depth + 1)) {
+        used.Set(j);
+        found = true;
+      }
     }
     if (!found) return false;
   }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 #include <mutex>
+#include <string_view>
 
 #include <boost/filesystem.hpp>
 
@@ -226,23 +227,60 @@ CachedStore& Cached() {
 
 }  // namespace
 
+namespace {
+
+size_t IdHash(std::string_view component, std::string_view group, std::string_view key) {
+  const std::hash<std::string_view> hash;
+  size_t h = hash(component);
+  h = (h ^ (h >> 29)) * 0x9e3779b97f4a7c15ULL + hash(group);
+  h = (h ^ (h >> 29)) * 0x9e3779b97f4a7c15ULL + hash(key);
+  return h ^ (h >> 31);
+}
+
+}  // namespace
+
 SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
     : schemas_(std::move(schemas)) {
   std::sort(schemas_.begin(), schemas_.end(), IdLess);
+  size_t capacity = 16;
+  while (capacity < 2 * schemas_.size()) capacity <<= 1;
+  index_.assign(capacity, 0);
+  const size_t mask = capacity - 1;
+  for (size_t i = 0; i < schemas_.size(); ++i) {
+    const SchemaObjectId& id = schemas_[i]->GetId();
+    for (size_t s = IdHash(id.component, id.group, id.key) & mask;; s = (s + 1) & mask) {
+      if (index_[s] == 0) {
+        index_[s] = static_cast<uint32_t>(i + 1);
+        break;
+      }
+      // Of equal ids the first in sorted order answers, as a binary search would.
+      if (schemas_[index_[s] - 1]->GetId() == id) break;
+    }
+  }
+}
+
+const std::shared_ptr<SchemaObject>* SchemaCache::Find(std::string_view component,
+                                                       std::string_view group,
+                                                       std::string_view key) const {
+  const size_t mask = index_.size() - 1;
+  for (size_t s = IdHash(component, group, key) & mask; index_[s] != 0; s = (s + 1) & mask) {
+    const std::shared_ptr<SchemaObject>& schema = schemas_[index_[s] - 1];
+    const SchemaObjectId& id = schema->GetId();
+    if (id.key == key && id.group == group && id.component == component) return &schema;
+  }
+  return nullptr;
 }
 
 std::shared_ptr<SchemaObject> SchemaCache::GetSchema(const SchemaObjectId& id) const {
-  auto it = std::lower_bound(
-      schemas_.begin(), schemas_.end(), id,
-      [](const std::shared_ptr<SchemaObject>& s, const SchemaObjectId& v) { return s->GetId() < v; });
-  if (it == schemas_.end() || (*it)->GetId() != id) return nullptr;
-  return *it;
+  const std::shared_ptr<SchemaObject>* schema = Find(id.component, id.group, id.key);
+  return schema ? *schema : nullptr;
 }
 
 std::shared_ptr<SchemaObject> SchemaCache::GetSchema(const std::string& component,
                                                      const std::string& group,
                                                      const std::string& key) const {
-  return GetSchema(SchemaObjectId(component, group, key));
+  const std::shared_ptr<SchemaObject>* schema = Find(component, group, key);
+  return schema ? *schema : nullptr;
 }
 
 std::shared_ptr<SchemaStore> SchemaStore::Load(const std::string& logicalDir) {
