@@ -106,9 +106,24 @@ class DepthGuard {
   int& depth_;
 };
 
-std::string GetStringMember(const rapidjson::Value& object, const std::string& name) {
+std::string_view StringMemberView(const rapidjson::Value& object, const std::string& name) {
   const rapidjson::Value& member = object[name];
-  return std::string(member.GetString(), member.GetStringLength());
+  return std::string_view(member.GetString(), member.GetStringLength());
+}
+
+std::string GetStringMember(const rapidjson::Value& object, const std::string& name) {
+  return std::string(StringMemberView(object, name));
+}
+
+// The walk's path of a key: "/<component>/<group>/<key>".
+void SetKeyPath(std::string& path, const std::string& c, const std::string& g, const std::string& k) {
+  path.clear();
+  path.push_back('/');
+  path += c;
+  path.push_back('/');
+  path += g;
+  path.push_back('/');
+  path += k;
 }
 
 bool CompareByValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
@@ -200,19 +215,14 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
         // these lookups may come before the schema's.
         if (reverseAfterForward && lookSecond()) continue;
         const std::string kName(k->name.GetString(), k->name.GetStringLength());
-        ctx.path.clear();
-        PathScope inComponent(ctx.path, cName.data(), cName.size());
-        PathScope inGroup(ctx.path, gName.data(), gName.size());
-        PathScope inKey(ctx.path, kName.data(), kName.size());
-
         std::shared_ptr<SchemaObject> schema =
             QenSchemaStore::GetSchema(cName, gName, kName, schemaStore);
         if (!schema) {
+          SetKeyPath(ctx.path, cName, gName, kName);
           CSLogger::Log(0, "Schema not found for %s:%s:%s", cName.c_str(), gName.c_str(),
                         kName.c_str());
           ThrowException<ConfigManagerException>(SCHEMA_NOT_FOUND, ctx.path);
         }
-        ConfigStoreObjectId id(kName, gName, cName);
 
         const rapidjson::Value* other = lookSecond();
         // Keys on both sides were compared by the forward pass.
@@ -221,7 +231,13 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
         rapidjson::Value absent;
         rapidjson::Value& desired = reverse ? absent : k->value;
         const rapidjson::Value& host = reverse ? k->value : (other ? *other : kEmptyVal);
-        if (schema->IsNonSingleton()) {
+        const bool nonSingleton = schema->IsNonSingleton();
+        // Equal singleton values report nothing (compareSingleton would
+        // find the same), so they need no path or id.
+        if (!nonSingleton && desired == host) continue;
+        SetKeyPath(ctx.path, cName, gName, kName);
+        ConfigStoreObjectId id(kName, gName, cName);
+        if (nonSingleton) {
           compareInstances(ctx, desired, host, id, schema);
         } else {
           rapidjson::Value driftDoc(rapidjson::kObjectType);
@@ -282,23 +298,28 @@ void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjs
     n = desired.Size();
     for (rapidjson::SizeType i = 0; i < n; ++i) {
       rapidjson::Value& element = desired[i];
-      PathScope scope(ctx.path, i);
       if (generated) {
         if (matcher->Take(element) >= 0) continue;
+        PathScope scope(ctx.path, i);
         assignGeneratedInstanceId(element, id);
         handler.Add(element, id, schema, ctx.path);
         continue;
       }
-      id.SetInstanceId(GetStringMember(element, idField));
+      const std::string_view instanceId = StringMemberView(element, idField);
       const long j = matcher->Take(element);
+      const rapidjson::Value* partner =
+          j >= 0 ? &host[static_cast<rapidjson::SizeType>(j)] : nullptr;
+      // An equal partner reports nothing (compareValue's first test).
+      if (partner && element == *partner) continue;
+      PathScope scope(ctx.path, i);
+      id.SetInstanceId(std::string(instanceId));
       // A fresh drift document per instance: nothing of an earlier instance
       // leaks into this one's events.
       rapidjson::Value driftDoc(rapidjson::kObjectType);
-      if (j >= 0) {
-        const rapidjson::Value& partner = host[static_cast<rapidjson::SizeType>(j)];
-        if (compareValue(ctx, element, partner, instanceSchema, driftDoc) &&
+      if (partner) {
+        if (compareValue(ctx, element, *partner, instanceSchema, driftDoc) &&
             handler.consolidatedAction)
-          handler.Set(element, partner, id, schema, ctx.path, driftDoc);
+          handler.Set(element, *partner, id, schema, ctx.path, driftDoc);
       } else if (handler.checkDefaultUserConfig) {
         if (id.GetInstanceId().empty())
           throw ConfigManagerException(UNEXPECTED_ERROR,
