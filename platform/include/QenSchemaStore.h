@@ -108,10 +108,11 @@ class SchemaCache {
                                             std::string_view key) const;
 
   std::vector<std::shared_ptr<SchemaObject>> schemas_;  // sorted by id
-  // Open-addressed hash index over schemas_ (position + 1, 0 = free): a
-  // lookup hashes the three names instead of binary-searching and copying
-  // them into an id.
-  std::vector<uint32_t> index_;
+  // Open-addressed hash index over schemas_: the upper half of an entry is
+  // the upper half of the id's hash, the lower half its position + 1 (0 =
+  // free). A lookup hashes the three names instead of binary-searching and
+  // copying them into an id, and reads only the schema it finds.
+  std::vector<uint64_t> index_;
 };
 
 class SchemaStore {

@@ -229,7 +229,9 @@ CachedStore& Cached() {
 
 namespace {
 
-size_t IdHash(std::string_view component, std::string_view group, std::string_view key) {
+constexpr uint64_t kTagMask = 0xffffffff00000000ULL;
+
+uint64_t IdHash(std::string_view component, std::string_view group, std::string_view key) {
   const std::hash<std::string_view> hash;
   size_t h = hash(component);
   h = (h ^ (h >> 29)) * 0x9e3779b97f4a7c15ULL + hash(group);
@@ -248,13 +250,14 @@ SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
   const size_t mask = capacity - 1;
   for (size_t i = 0; i < schemas_.size(); ++i) {
     const SchemaObjectId& id = schemas_[i]->GetId();
-    for (size_t s = IdHash(id.component, id.group, id.key) & mask;; s = (s + 1) & mask) {
+    const uint64_t h = IdHash(id.component, id.group, id.key);
+    for (size_t s = h & mask;; s = (s + 1) & mask) {
       if (index_[s] == 0) {
-        index_[s] = static_cast<uint32_t>(i + 1);
+        index_[s] = (h & kTagMask) | (i + 1);
         break;
       }
       // Of equal ids the first in sorted order answers, as a binary search would.
-      if (schemas_[index_[s] - 1]->GetId() == id) break;
+      if (schemas_[(index_[s] & ~kTagMask) - 1]->GetId() == id) break;
     }
   }
 }
@@ -263,8 +266,10 @@ const std::shared_ptr<SchemaObject>* SchemaCache::Find(std::string_view componen
                                                        std::string_view group,
                                                        std::string_view key) const {
   const size_t mask = index_.size() - 1;
-  for (size_t s = IdHash(component, group, key) & mask; index_[s] != 0; s = (s + 1) & mask) {
-    const std::shared_ptr<SchemaObject>& schema = schemas_[index_[s] - 1];
+  const uint64_t h = IdHash(component, group, key);
+  for (size_t s = h & mask; index_[s] != 0; s = (s + 1) & mask) {
+    if ((index_[s] & kTagMask) != (h & kTagMask)) continue;
+    const std::shared_ptr<SchemaObject>& schema = schemas_[(index_[s] & ~kTagMask) - 1];
     const SchemaObjectId& id = schema->GetId();
     if (id.key == key && id.group == group && id.component == component) return &schema;
   }
