@@ -3,6 +3,8 @@
 // the host document; this file never extracts anything.
 #include "drift/DriftEngine.h"
 
+#include <algorithm>
+#include <cstring>
 #include <string_view>
 #include <unordered_map>
 
@@ -67,28 +69,55 @@ rapidjson::SizeType HostSize(const rapidjson::Value& host) { return host.IsArray
 rapidjson::Value Text(const char* op) { return rapidjson::Value(rapidjson::StringRef(op)); }
 
 // Member lookup by name that stays linear for wide objects: objects with few
-// members are searched in place, wide ones through a hash index built once.
-// Like FindMember, the first of duplicate names wins.
+// members are scanned through a compact table of name lengths and prefixes
+// (no call per member), wide ones through a hash index built once. Like
+// FindMember, the first of duplicate names wins.
 class MemberLookup {
  public:
-  explicit MemberLookup(const rapidjson::Value& object) : object_(object) {
-    if (object.MemberCount() < kIndexThreshold) return;
-    index_.reserve(object.MemberCount());
+  explicit MemberLookup(const rapidjson::Value& object) {
+    const size_t count = object.MemberCount();
+    if (count < kIndexThreshold) {
+      for (auto it = object.MemberBegin(); it != object.MemberEnd(); ++it)
+        few_[fewCount_++] = Entry{Prefix(it->name), it->name.GetStringLength(), &*it};
+      return;
+    }
+    index_.reserve(count);
     for (auto it = object.MemberBegin(); it != object.MemberEnd(); ++it)
       index_.emplace(std::string_view(it->name.GetString(), it->name.GetStringLength()), &it->value);
   }
   const rapidjson::Value* Find(const rapidjson::Value& name) const {
+    const rapidjson::SizeType length = name.GetStringLength();
     if (index_.empty()) {
-      auto it = object_.FindMember(name);
-      return it == object_.MemberEnd() ? nullptr : &it->value;
+      const uint64_t prefix = Prefix(name);
+      for (size_t i = 0; i < fewCount_; ++i) {
+        const Entry& e = few_[i];
+        if (e.length != length || e.prefix != prefix) continue;
+        if (length <= sizeof(uint64_t) ||
+            std::memcmp(e.member->name.GetString() + sizeof(uint64_t), name.GetString() + sizeof(uint64_t),
+                        length - sizeof(uint64_t)) == 0)
+          return &e.member->value;
+      }
+      return nullptr;
     }
-    auto it = index_.find(std::string_view(name.GetString(), name.GetStringLength()));
+    auto it = index_.find(std::string_view(name.GetString(), length));
     return it == index_.end() ? nullptr : it->second;
   }
 
  private:
   static constexpr size_t kIndexThreshold = 16;
-  const rapidjson::Value& object_;
+  struct Entry {
+    uint64_t prefix;
+    rapidjson::SizeType length;
+    const rapidjson::Value::Member* member;
+  };
+  // The first eight bytes of a name, zero-padded.
+  static uint64_t Prefix(const rapidjson::Value& name) {
+    uint64_t prefix = 0;
+    std::memcpy(&prefix, name.GetString(), std::min<size_t>(name.GetStringLength(), sizeof prefix));
+    return prefix;
+  }
+  Entry few_[kIndexThreshold];
+  size_t fewCount_ = 0;
   std::unordered_map<std::string_view, const rapidjson::Value*> index_;
 };
 
