@@ -5,13 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
-#include <sstream>
 #include <unordered_set>
 
 #include <boost/filesystem.hpp>
 
 #include "CSLogger.h"
+#include "HostFiles.h"
 #include "HostRoot.h"
 #include "configmanager/common.h"
 
@@ -95,12 +94,7 @@ void CreateDocumentFromFile(const char* path, rapidjson::Document& doc) {
   const std::string logical = path ? path : "";
   // A missing, unreadable or empty file reads as "", a parse error like any other.
   std::string text;
-  std::ifstream in(QenPlatform::HostPath(logical), std::ios::binary);
-  if (in) {
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (!in.bad()) text = content.str();
-  }
+  if (!QenPlatform::ReadWholeFile(QenPlatform::HostPath(logical), text)) text.clear();
   if (!ParseText(text, doc)) ThrowException<ConfigManagerException>(PARSE_ERROR, logical);
 }
 

@@ -6,11 +6,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include <boost/filesystem.hpp>
 
+#include "HostFiles.h"
 #include "HostRoot.h"
 
 namespace QenPlugin {
@@ -48,16 +47,9 @@ void Call::WriteHostFile(const std::string& logical, const std::string& text, in
 }
 
 bool Call::ReadHostFile(const std::string& logical, std::string& text) {
-  const std::string path = HostPath(logical);
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    if (errno == ENOENT) return false;
-    throw std::runtime_error("cannot read " + logical + ": " + std::strerror(errno));
-  }
-  std::ostringstream content;
-  content << in.rdbuf();
-  text = content.str();
-  return true;
+  if (QenPlatform::ReadWholeFile(HostPath(logical), text)) return true;
+  if (errno == ENOENT) return false;
+  throw std::runtime_error("cannot read " + logical + ": " + std::strerror(errno));
 }
 
 QenConfigStore::ConfigStore& Call::Store() {

@@ -1,13 +1,12 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 #include <vector>
 
 #include "CSLogger.h"
 #include "Commands.h"
+#include "HostFiles.h"
 #include "HostRoot.h"
 #include "configmanager/common.h"
 
@@ -30,11 +29,10 @@ void Exit(int code) { g_exit = code; }
 bool StderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }
 
 std::string ReadUserFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read file \"" + path + "\"");
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+  std::string text;
+  if (!QenPlatform::ReadWholeFile(path, text))
+    throw std::runtime_error("cannot read file \"" + path + "\"");
+  return text;
 }
 
 int Run(const std::function<int()>& body) {

@@ -8,7 +8,7 @@
 
 #include "ConfigStoreException.h"
 #include "HostRoot.h"
-#include "../host/HostFiles.h"
+#include "HostFiles.h"
 
 namespace QenPlatform {
 

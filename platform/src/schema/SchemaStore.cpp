@@ -9,7 +9,7 @@
 
 #include "CSLogger.h"
 #include "ConfigStoreException.h"
-#include "../host/HostFiles.h"
+#include "HostFiles.h"
 #include "HostRoot.h"
 
 namespace fs = boost::filesystem;

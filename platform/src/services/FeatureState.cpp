@@ -6,7 +6,7 @@
 
 #include "CSLogger.h"
 #include "HostCtl.h"
-#include "../host/HostFiles.h"
+#include "HostFiles.h"
 
 namespace {
 

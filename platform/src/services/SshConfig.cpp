@@ -10,7 +10,7 @@
 #include "HostRoot.h"
 #include "QenConfigStore.h"
 #include "TavCtl.h"
-#include "../host/HostFiles.h"
+#include "HostFiles.h"
 
 namespace TavCtl {
 namespace System {

@@ -1,6 +1,6 @@
 #include "HostCtl.h"
 #include "TavCtl.h"
-#include "../host/HostFiles.h"
+#include "HostFiles.h"
 
 namespace TavCtl {
 namespace System {

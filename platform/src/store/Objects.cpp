@@ -1,9 +1,8 @@
 // Object identifiers, configuration and drift objects, and their factories.
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <tuple>
 
+#include "HostFiles.h"
 #include "QenConfigStore.h"
 #include "QenSchemaStore.h"
 #include "StoreDb.h"
@@ -136,12 +135,10 @@ std::string GenerateInstanceId() {
 }
 
 std::shared_ptr<JsonDoc> CreateDocumentFromFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) Fail(STORE_READ_FAILED, "Cannot read JSON file \"" + path + "\"");
-  std::ostringstream ss;
-  ss << in.rdbuf();
+  std::string text;
+  if (!QenPlatform::ReadWholeFile(path, text))
+    Fail(STORE_READ_FAILED, "Cannot read JSON file \"" + path + "\"");
   auto doc = std::make_shared<JsonDoc>();
-  std::string text = ss.str();
   doc->GetDocument().Parse(text.c_str(), text.size());
   if (doc->GetDocument().HasParseError())
     Fail(STORE_READ_FAILED, "JSON file \"" + path + "\" is not valid JSON: " +

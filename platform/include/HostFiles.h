@@ -1,5 +1,5 @@
-// Internal: reading the small JSON state files that stand in for the host's
-// kernel and firmware interfaces.
+// Reading host files: the small JSON state files that stand in for the
+// host's kernel and firmware interfaces, and whole files for any caller.
 #pragma once
 
 #include <string>
