@@ -12,60 +12,11 @@
 #include "CSLogger.h"
 #include "HostFiles.h"
 #include "HostRoot.h"
+#include "common/parse.h"
 #include "configmanager/common.h"
 
 namespace QenConfigManager {
 namespace {
-
-// Deeper documents are refused as unparsable: the drift walk, the writers and
-// the comparisons all recurse per level, so unbounded nesting would let one
-// hostile document overflow the stack.
-constexpr unsigned kMaxNesting = 512;
-
-// Forwards the reader's events to the document, stopping past kMaxNesting.
-class NestingLimit {
- public:
-  explicit NestingLimit(rapidjson::Document& doc) : doc_(doc) {}
-
-  bool Null() { return doc_.Null(); }
-  bool Bool(bool b) { return doc_.Bool(b); }
-  bool Int(int i) { return doc_.Int(i); }
-  bool Uint(unsigned u) { return doc_.Uint(u); }
-  bool Int64(int64_t i) { return doc_.Int64(i); }
-  bool Uint64(uint64_t u) { return doc_.Uint64(u); }
-  bool Double(double d) { return doc_.Double(d); }
-  bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) { return doc_.RawNumber(s, n, copy); }
-  bool String(const char* s, rapidjson::SizeType n, bool copy) { return doc_.String(s, n, copy); }
-  bool Key(const char* s, rapidjson::SizeType n, bool copy) { return doc_.Key(s, n, copy); }
-  bool StartObject() { return ++depth_ <= kMaxNesting && doc_.StartObject(); }
-  bool EndObject(rapidjson::SizeType n) { --depth_; return doc_.EndObject(n); }
-  bool StartArray() { return ++depth_ <= kMaxNesting && doc_.StartArray(); }
-  bool EndArray(rapidjson::SizeType n) { --depth_; return doc_.EndArray(n); }
-
- private:
-  rapidjson::Document& doc_;
-  unsigned depth_ = 0;
-};
-
-// Parses one root value (white space around it only) into `doc`; false on
-// any parse error. The iterative reader keeps the parse itself off the call
-// stack.
-bool ParseText(const std::string& text, rapidjson::Document& doc) {
-  bool ok = false;
-  auto generate = [&text, &ok](rapidjson::Document& target) {
-    rapidjson::MemoryStream memory(text.data(), text.size());
-    rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> stream(memory);
-    NestingLimit handler(target);
-    rapidjson::Reader reader;
-    ok = !reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler).IsError();
-    // The reader takes a NUL byte for the end of the text; JSON never holds
-    // one, so anything after it is trailing content.
-    ok = ok && memory.Tell() == text.size();
-    return ok;
-  };
-  doc.Populate(generate);
-  return ok;
-}
 
 const std::string& MapMember(const std::shared_ptr<ConfigMap>& map, const std::string& name) {
   static const std::string kEmpty;
@@ -86,16 +37,12 @@ std::shared_ptr<QenConfigStore::JsonDoc> CreateDocumentFromString(const std::str
   return doc;
 }
 
-void ParseDocument(const std::string& text, rapidjson::Document& doc) {
-  if (!ParseText(text, doc)) ThrowException<InvalidArgumentException>(PARSE_ERROR);
-}
-
 void CreateDocumentFromFile(const char* path, rapidjson::Document& doc) {
   const std::string logical = path ? path : "";
   // A missing, unreadable or empty file reads as "", a parse error like any other.
   std::string text;
   if (!QenPlatform::ReadWholeFile(QenPlatform::HostPath(logical), text)) text.clear();
-  if (!ParseText(text, doc)) ThrowException<ConfigManagerException>(PARSE_ERROR, logical);
+  if (!ParseJsonText(text, doc)) ThrowException<ConfigManagerException>(PARSE_ERROR, logical);
 }
 
 void CreateFileFromDocument(const char* path, const rapidjson::Document& doc) {

@@ -1,7 +1,4 @@
 // Manifest schema files: loading, vetting and the whole-directory check.
-#include <fstream>
-#include <sstream>
-
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <boost/filesystem.hpp>
@@ -30,22 +27,6 @@ void AddMessage(rapidjson::Document& report, const std::string& file, const std:
 }
 
 }  // namespace
-
-bool QenConfigManager::ReadJsonFile(const std::string& path, rapidjson::Document& doc,
-                                    bool& opened) {
-  std::ifstream in(path, std::ios::binary);
-  opened = in.is_open();
-  if (!opened) return false;
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) return false;
-  try {
-    ParseDocument(text.str(), doc);
-  } catch (const QenConfigStore::ConfigStoreException&) {
-    return false;
-  }
-  return true;
-}
 
 void QenConfigManager::ValidateManifest(const rapidjson::Value& schema,
                                         const rapidjson::Value& manifest,

@@ -12,7 +12,10 @@ namespace QenPlatform {
 // false and sets `error` to a sentence naming the file.
 bool ReadHostJson(const std::string& logical, rapidjson::Document& doc, std::string* error);
 
-// Reads the whole file at physical path `path`; false when it cannot be read.
-bool ReadWholeFile(const std::string& path, std::string& out);
+// Reads the whole file at physical path `path`; false (errno set) when it
+// cannot be read. `opened`, when given, tells whether the file was opened.
+// Plain reads, no streams: plugins and runners call this at start-up, where
+// setting up the stream library would cost more than the read.
+bool ReadWholeFile(const std::string& path, std::string& out, bool* opened = nullptr);
 
 }  // namespace QenPlatform

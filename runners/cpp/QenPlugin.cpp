@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include <boost/filesystem.hpp>
+#include <filesystem>
 
 #include "HostFiles.h"
 #include "HostRoot.h"
@@ -21,8 +21,8 @@ std::string Call::HostPath(const std::string& logical) { return QenPlatform::Hos
 void Call::WriteHostFile(const std::string& logical, const std::string& text, int mode) {
   const std::string path = HostPath(logical);
   const std::string temporary = path + ".new";
-  boost::system::error_code ec;
-  boost::filesystem::create_directories(boost::filesystem::path(path).parent_path(), ec);
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
   int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) throw std::runtime_error("cannot write " + logical + ": " + std::strerror(errno));
   size_t written = 0;
@@ -50,19 +50,6 @@ bool Call::ReadHostFile(const std::string& logical, std::string& text) {
   if (QenPlatform::ReadWholeFile(HostPath(logical), text)) return true;
   if (errno == ENOENT) return false;
   throw std::runtime_error("cannot read " + logical + ": " + std::strerror(errno));
-}
-
-QenConfigStore::ConfigStore& Call::Store() {
-  if (!store_) {
-    store_ = QenConfigStore::ConfigStore::GetStore();
-    if (!store_) throw std::runtime_error("the configuration store is not available");
-  }
-  return *store_;
-}
-
-void Call::RecordApplied(const ConfigStoreObjectId& id, const rapidjson::Value& value) {
-  QenConfigStore::StoreObject object(id, value);
-  Store().SetObject(object);
 }
 
 void ApplyCall::Save(const std::string& physicalPath) const {

@@ -1,6 +1,8 @@
 // PluginLauncher against the real runners and the fault plugins: every way a
 // runner run can end, abort, clean-up, and what the runner is handed.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -213,6 +215,35 @@ TEST_F(LauncherSetupTest, CppRunnerErrorNumbers) {
     EXPECT_EQ(failure, "Config Manager plugin failed: cfault, pid=" + std::to_string(PidIn(failure)) +
                            ", status=" + c.status);
   }
+  ExpectCleanAfterCall();
+}
+
+// The runner reads only the head of the request and hands the call to the SDK
+// linked into the plugin; each side must refuse what it cannot run.
+TEST_F(LauncherSetupTest, CppRunnerRefusesWhatTheSdkCannotRun) {
+  auto run = [this](const char* module, bool truncate) {
+    std::string failure;
+    PluginLauncher launcher("cfault", 3, "APPLY", {}, "c++", module);
+    launcher.request.Dump(QenPlatform::HostPath(PluginLauncher::kInputFile), "t", "ok");
+    if (truncate) {
+      std::string text = ReadFile(PluginLauncher::kInputFile);
+      WriteFile(PluginLauncher::kInputFile, text.substr(0, text.size() - 3), 0600);
+    }
+    try {
+      launcher.ForkPlugin(PluginMonitor::Dummy());
+    } catch (const ConfigManagerException& e) {
+      failure = e.what();
+    }
+    return failure.substr(failure.find(", status=") + 2);
+  };
+  // A shared object that was not built with the SDK (any library will do).
+  Dl_info libc{};
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(&::getpid), &libc), 0);
+  WriteFile("/usr/lib/corvane/configmanager/plugins/libplain.so", ReadSource(libc.dli_fname), 0755);
+  EXPECT_EQ(run("libplain.so", false), "status=No such file or directory");
+  // A request cut short after its module: the runner finds the plugin, the
+  // SDK refuses the request.
+  EXPECT_EQ(run("libfault.so", true), "status=Invalid argument");
   ExpectCleanAfterCall();
 }
 

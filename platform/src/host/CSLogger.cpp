@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
+#include <filesystem>
 
 #include "HostRoot.h"
 
@@ -51,8 +51,10 @@ void WriteToFile(LoggerState& s, int priority, const std::string& text) {
     if (s.file) fclose(s.file);
     s.file = nullptr;
     s.openPath = path;
-    boost::system::error_code ec;
-    boost::filesystem::create_directories(boost::filesystem::path(path).parent_path(), ec);
+    // std::filesystem, not Boost: plugins carry the logger, and it must not
+    // make them load another library.
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
     s.file = fopen(path.c_str(), "ae");
   }
   if (!s.file) return;

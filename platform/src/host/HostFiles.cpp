@@ -1,21 +1,40 @@
 #include "HostFiles.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "HostRoot.h"
 
 namespace QenPlatform {
 
-bool ReadWholeFile(const std::string& path, std::string& out) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  if (in.bad()) return false;
-  out = ss.str();
+bool ReadWholeFile(const std::string& path, std::string& out, bool* opened) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (opened) *opened = fd >= 0;
+  if (fd < 0) return false;
+  std::string text;
+  struct stat st;
+  // The size is a hint: files such as /proc entries report 0 and still read.
+  if (::fstat(fd, &st) == 0 && st.st_size > 0) text.reserve(static_cast<size_t>(st.st_size) + 1);
+  char chunk[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n > 0) {
+      text.append(chunk, static_cast<size_t>(n));
+    } else if (n == 0) {
+      break;
+    } else if (errno != EINTR) {
+      int err = errno;
+      ::close(fd);
+      errno = err;
+      return false;
+    }
+  }
+  ::close(fd);
+  out.swap(text);
   return true;
 }
 

@@ -9,6 +9,13 @@
 
 namespace QenConfigStore {
 
+std::string detail::Serialize(const rapidjson::Value& value) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  value.Accept(writer);
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
 using detail::Fail;
 using detail::Serialize;
 

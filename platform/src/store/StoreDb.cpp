@@ -76,8 +76,6 @@ void InitSchema(Impl& impl) {
 
 }  // namespace
 
-void Fail(int code, const std::string& what) { throw ConfigStoreException(code, what.c_str()); }
-
 void FailSqlite(sqlite3* db, int rc, int code, const std::string& operation) {
   std::string msg = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
   if (IsCorruption(rc))
@@ -222,13 +220,6 @@ void SetMeta(Impl& impl, const std::string& name, const std::string& value) {
            "INSERT INTO store_meta(name, value) VALUES(?1, ?2)"
            " ON CONFLICT(name) DO UPDATE SET value = excluded.value");
   c.Bind(1, name).Bind(2, value).Run();
-}
-
-std::string Serialize(const rapidjson::Value& value) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  value.Accept(writer);
-  return std::string(buffer.GetString(), buffer.GetSize());
 }
 
 }  // namespace detail

@@ -27,7 +27,11 @@ namespace detail {
 
 using Impl = DBStore::StoreConnection::Impl;
 
-[[noreturn]] void Fail(int code, const std::string& what);
+// Inline: the object code uses it too and must not drag SQLite into
+// programs that only handle objects (plugins).
+[[noreturn]] inline void Fail(int code, const std::string& what) {
+  throw ConfigStoreException(code, what.c_str());
+}
 // Throws for an SQLite failure `rc` on `db`: corruption -> STORE_OPEN_FAILED,
 // otherwise `code` with the operation text and SQLite's message.
 [[noreturn]] void FailSqlite(sqlite3* db, int rc, int code, const std::string& operation);
@@ -75,6 +79,8 @@ Impl& Of(const std::shared_ptr<DBStore::StoreConnection>& conn);
 std::string GetMeta(Impl& impl, const std::string& name, const std::string& fallback);
 void SetMeta(Impl& impl, const std::string& name, const std::string& value);
 
+// Compact JSON text of a value (defined with the objects, which need it
+// without the database).
 std::string Serialize(const rapidjson::Value& value);
 
 }  // namespace detail
