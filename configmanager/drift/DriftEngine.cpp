@@ -121,6 +121,39 @@ class MemberLookup {
   std::unordered_map<std::string_view, const rapidjson::Value*> index_;
 };
 
+// Finds members of one object by name, trying first the member at the
+// position the caller names: objects of the same shape list their members
+// in the same order. As with FindMember the first of duplicate names wins,
+// so a member found in place counts only when the names are distinct.
+class MemberFinder {
+ public:
+  explicit MemberFinder(const rapidjson::Value& object)
+      : object_(object), members_(object.MemberCount() ? &*object.MemberBegin() : nullptr),
+        count_(object.MemberCount()) {}
+  const rapidjson::Value* Find(const rapidjson::Value& name, rapidjson::SizeType position) {
+    if (InPlace(name, position) && Distinct()) return &members_[position].value;
+    if (!lookup_) lookup_.reset(new MemberLookup(object_));
+    return lookup_->Find(name);
+  }
+  // Whether the member at `position` has this name.
+  bool InPlace(const rapidjson::Value& name, rapidjson::SizeType position) const {
+    return position < count_ && SameText(members_[position].name, name);
+  }
+  rapidjson::SizeType Count() const { return count_; }
+
+ private:
+  bool Distinct() {
+    if (distinct_ < 0) distinct_ = DistinctNames(object_) ? 1 : 0;
+    return distinct_ == 1;
+  }
+
+  const rapidjson::Value& object_;
+  const rapidjson::Value::Member* members_;
+  rapidjson::SizeType count_;
+  int distinct_ = -1;
+  std::unique_ptr<MemberLookup> lookup_;
+};
+
 // Tracks compareValue's nesting for the depth limit.
 class DepthGuard {
  public:
@@ -135,24 +168,13 @@ class DepthGuard {
   int& depth_;
 };
 
-std::string_view StringMemberView(const rapidjson::Value& object, const std::string& name) {
-  const rapidjson::Value& member = object[name];
+std::string_view StringMemberView(const rapidjson::Value& object, std::string_view name) {
+  const rapidjson::Value& member = MemberOf(object, name);
   return std::string_view(member.GetString(), member.GetStringLength());
 }
 
-std::string GetStringMember(const rapidjson::Value& object, const std::string& name) {
+std::string GetStringMember(const rapidjson::Value& object, std::string_view name) {
   return std::string(StringMemberView(object, name));
-}
-
-// The walk's path of a key: "/<component>/<group>/<key>".
-void SetKeyPath(std::string& path, const std::string& c, const std::string& g, const std::string& k) {
-  path.clear();
-  path.push_back('/');
-  path += c;
-  path.push_back('/');
-  path += g;
-  path.push_back('/');
-  path += k;
 }
 
 bool CompareByValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
@@ -163,7 +185,7 @@ bool CompareByValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson
   const rapidjson::SizeType n = desired.Size();
   for (rapidjson::SizeType i = 0; i < n; ++i) {
     rapidjson::Value& element = desired[i];
-    if (matcher->Take(element) >= 0) continue;
+    if (matcher->Take(element, i) >= 0) continue;
     drift = true;
     PathScope scope(ctx.path, i);
     if (handler.createDriftObject) {
@@ -204,54 +226,90 @@ bool IsEmptyValue(const rapidjson::Value& value) {
   return false;
 }
 
+namespace {
+
+// The key path and object id of one key, built only for keys that report.
+void EnterKey(WalkContext& ctx, std::string_view c, std::string_view g, std::string_view k) {
+  ctx.path.clear();
+  for (std::string_view part : {c, g, k}) {
+    ctx.path.push_back('/');
+    ctx.path.append(part.data(), part.size());
+  }
+}
+
+[[noreturn]] void SchemaNotFound(WalkContext& ctx, std::string_view c, std::string_view g,
+                                 std::string_view k) {
+  EnterKey(ctx, c, g, k);
+  const std::string cName(c), gName(g), kName(k);
+  CSLogger::Log(0, "Schema not found for %s:%s:%s", cName.c_str(), gName.c_str(), kName.c_str());
+  ThrowException<ConfigManagerException>(SCHEMA_NOT_FOUND, ctx.path);
+}
+
+}  // namespace
+
 void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::Value& second,
                     const std::shared_ptr<QenSchemaStore::SchemaStore>& schemaStore, bool reverse) {
   if (first.MemberCount() == 0) return;
   const bool reverseAfterForward =
       reverse && ctx.forwardFirst == &second && ctx.forwardSecond == &first;
+  if (!reverse) {
+    ctx.forwardFirst = ctx.forwardSecond = nullptr;
+    ctx.coveredGroups.clear();
+  }
+  const QenSchemaStore::SchemaCache* cache = schemaStore ? schemaStore->GetSchemaCache().get() : nullptr;
   // The other side is looked up lazily, once per component and group, and
   // only where `first` has keys: its shape is checked where it is used.
-  std::unique_ptr<MemberLookup> secondComponents;
-  for (auto c = first.MemberBegin(); c != first.MemberEnd(); ++c) {
-    const std::string cName(c->name.GetString(), c->name.GetStringLength());
-    std::unique_ptr<MemberLookup> secondGroups;
+  std::unique_ptr<MemberFinder> secondComponents;
+  rapidjson::SizeType cPos = 0;
+  for (auto c = first.MemberBegin(); c != first.MemberEnd(); ++c, ++cPos) {
+    const std::string_view cName = View(c->name);
+    std::unique_ptr<MemberFinder> secondGroups;
     bool componentLooked = false;
-    for (auto g = c->value.MemberBegin(); g != c->value.MemberEnd(); ++g) {
-      const std::string gName(g->name.GetString(), g->name.GetStringLength());
-      std::unique_ptr<MemberLookup> secondKeys;
+    rapidjson::SizeType gPos = 0;
+    for (auto g = c->value.MemberBegin(); g != c->value.MemberEnd(); ++g, ++gPos) {
+      // The forward pass found a namesake for every key of this group.
+      if (reverseAfterForward && ctx.coveredGroups.count(&g->value)) continue;
+      const std::string_view gName = View(g->name);
+      const rapidjson::Value* secondGroup = nullptr;
+      std::unique_ptr<MemberFinder> secondKeys;
       bool groupLooked = false;
-      for (auto k = g->value.MemberBegin(); k != g->value.MemberEnd(); ++k) {
-        auto lookSecond = [&]() {
+      QenSchemaStore::GroupFacts facts;
+      bool factsLooked = false;
+      // Every key so far has its namesake at its own position.
+      bool aligned = true;
+      rapidjson::SizeType kPos = 0;
+      for (auto k = g->value.MemberBegin(); k != g->value.MemberEnd(); ++k, ++kPos) {
+        auto lookSecond = [&]() -> const rapidjson::Value* {
           if (!componentLooked) {
             componentLooked = true;
-            if (!secondComponents) secondComponents.reset(new MemberLookup(second));
-            if (const rapidjson::Value* sc = secondComponents->Find(c->name)) {
+            if (!secondComponents) secondComponents.reset(new MemberFinder(second));
+            if (const rapidjson::Value* sc = secondComponents->Find(c->name, cPos)) {
               (void)sc->GetObject();
-              secondGroups.reset(new MemberLookup(*sc));
+              secondGroups.reset(new MemberFinder(*sc));
             }
           }
           if (!groupLooked) {
             groupLooked = true;
-            const rapidjson::Value* sg = secondGroups ? secondGroups->Find(g->name) : nullptr;
-            if (sg) {
-              (void)sg->GetObject();
-              secondKeys.reset(new MemberLookup(*sg));
+            secondGroup = secondGroups ? secondGroups->Find(g->name, gPos) : nullptr;
+            if (secondGroup) {
+              (void)secondGroup->GetObject();
+              secondKeys.reset(new MemberFinder(*secondGroup));
             }
           }
-          return secondKeys ? secondKeys->Find(k->name) : nullptr;
+          if (!secondKeys) return nullptr;
+          aligned = aligned && secondKeys->InPlace(k->name, kPos);
+          return secondKeys->Find(k->name, kPos);
         };
         // `second` was walked forward, so its shape checks passed already and
         // these lookups may come before the schema's.
         if (reverseAfterForward && lookSecond()) continue;
-        const std::string kName(k->name.GetString(), k->name.GetStringLength());
-        std::shared_ptr<SchemaObject> schema =
-            QenSchemaStore::GetSchema(cName, gName, kName, schemaStore);
-        if (!schema) {
-          SetKeyPath(ctx.path, cName, gName, kName);
-          CSLogger::Log(0, "Schema not found for %s:%s:%s", cName.c_str(), gName.c_str(),
-                        kName.c_str());
-          ThrowException<ConfigManagerException>(SCHEMA_NOT_FOUND, ctx.path);
+        const std::string_view kName = View(k->name);
+        if (!factsLooked) {
+          factsLooked = true;
+          if (cache) facts = cache->FindGroup(cName, gName);
         }
+        const QenSchemaStore::KeyFacts* key = QenSchemaStore::SchemaCache::FindKey(facts, kName);
+        if (!key) SchemaNotFound(ctx, cName, gName, kName);
 
         const rapidjson::Value* other = lookSecond();
         // Keys on both sides were compared by the forward pass.
@@ -260,19 +318,20 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
         rapidjson::Value absent;
         rapidjson::Value& desired = reverse ? absent : k->value;
         const rapidjson::Value& host = reverse ? k->value : (other ? *other : kEmptyVal);
-        const bool nonSingleton = schema->IsNonSingleton();
         // Equal singleton values report nothing (compareSingleton would
         // find the same), so they need no path or id.
-        if (!nonSingleton && desired == host) continue;
-        SetKeyPath(ctx.path, cName, gName, kName);
-        ConfigStoreObjectId id(kName, gName, cName);
-        if (nonSingleton) {
-          compareInstances(ctx, desired, host, id, schema);
+        if (!key->nonSingleton && SameValue(desired, host)) continue;
+        EnterKey(ctx, cName, gName, kName);
+        ConfigStoreObjectId id{std::string(kName), std::string(gName), std::string(cName)};
+        if (key->nonSingleton) {
+          compareInstances(ctx, desired, host, id, *key);
         } else {
           rapidjson::Value driftDoc(rapidjson::kObjectType);
-          compareSingleton(ctx, desired, host, id, schema, driftDoc);
+          compareSingleton(ctx, desired, host, id, *key->schema, driftDoc);
         }
       }
+      if (!reverse && aligned && secondKeys && kPos == secondKeys->Count())
+        ctx.coveredGroups.insert(secondGroup);
     }
   }
   if (!reverse) {
@@ -311,16 +370,21 @@ void compareSingleton(WalkContext& ctx, const rapidjson::Value& desired, const r
 }
 
 void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
-                      ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema) {
+                      ConfigStoreObjectId& id, const QenSchemaStore::KeyFacts& key) {
   DriftHandler& handler = ctx.handler;
-  const std::string& idField = schema->GetInstanceIdField();
-  const rapidjson::Value& schemaJson = schema->GetSchemaJson();
-  // A non-singleton key's schema is an array node; its instances are
-  // described by the node's "items".
-  const rapidjson::Value& instanceSchema = InstanceNode(schemaJson);
-  const bool generated = idField == kGeneratedId;
-  std::unique_ptr<InstanceMatcher> matcher =
-      generated ? ctx.matchers.byValue(host, schemaJson) : ctx.matchers.byIdentifier(host, idField);
+  const std::shared_ptr<SchemaObject>& schema = *key.schema;
+  const std::string_view idField = key.instanceIdField;
+  const bool generated = key.generatedId;
+  // The schema object is read only when an instance differs or instances
+  // pair by value.
+  auto instanceSchema = [&schema]() -> const rapidjson::Value& {
+    // A non-singleton key's schema is an array node; its instances are
+    // described by the node's "items".
+    return InstanceNode(schema->GetSchemaJson());
+  };
+  std::unique_ptr<InstanceMatcher> matcher = generated
+                                                 ? ctx.matchers.byValue(host, schema->GetSchemaJson())
+                                                 : ctx.matchers.byIdentifier(host, idField);
 
   rapidjson::SizeType n = 0;
   if (!IsEmptyValue(desired)) {
@@ -328,25 +392,25 @@ void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjs
     for (rapidjson::SizeType i = 0; i < n; ++i) {
       rapidjson::Value& element = desired[i];
       if (generated) {
-        if (matcher->Take(element) >= 0) continue;
+        if (matcher->Take(element, i) >= 0) continue;
         PathScope scope(ctx.path, i);
         assignGeneratedInstanceId(element, id);
         handler.Add(element, id, schema, ctx.path);
         continue;
       }
       const std::string_view instanceId = StringMemberView(element, idField);
-      const long j = matcher->Take(element);
+      const long j = matcher->Take(element, i);
       const rapidjson::Value* partner =
           j >= 0 ? &host[static_cast<rapidjson::SizeType>(j)] : nullptr;
       // An equal partner reports nothing (compareValue's first test).
-      if (partner && element == *partner) continue;
+      if (partner && SameValue(element, *partner)) continue;
       PathScope scope(ctx.path, i);
       id.SetInstanceId(std::string(instanceId));
       // A fresh drift document per instance: nothing of an earlier instance
       // leaks into this one's events.
       rapidjson::Value driftDoc(rapidjson::kObjectType);
       if (partner) {
-        if (compareValue(ctx, element, *partner, instanceSchema, driftDoc) &&
+        if (compareValue(ctx, element, *partner, instanceSchema(), driftDoc) &&
             handler.consolidatedAction)
           handler.Set(element, *partner, id, schema, ctx.path, driftDoc);
       } else if (handler.checkDefaultUserConfig) {
@@ -379,7 +443,7 @@ void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjs
 
 bool compareValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
                   const rapidjson::Value& schemaNode, rapidjson::Value& driftDoc) {
-  if (desired == host) return false;
+  if (SameValue(desired, host)) return false;
   DepthGuard depth(ctx.depth);
   DriftHandler& handler = ctx.handler;
 
@@ -459,7 +523,7 @@ bool compareInstanceArray(WalkContext& ctx, rapidjson::Value& desired, const rap
     const rapidjson::Value& instanceId = element[idField];
     (void)instanceId.GetString();
     PathScope scope(ctx.path, i);
-    const long j = matcher->Take(element);
+    const long j = matcher->Take(element, i);
     if (j >= 0) {
       rapidjson::Value sub;
       if (!compareValue(ctx, element, host[static_cast<rapidjson::SizeType>(j)], items, sub)) continue;

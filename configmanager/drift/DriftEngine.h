@@ -7,8 +7,12 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "configmanager/drift.h"
@@ -18,21 +22,23 @@ namespace drift {
 
 // Pairs desired instances with host instances of one array. Each Take returns
 // the highest remaining host index whose element pairs with `desired` and
-// removes it, or -1 when none does.
+// removes it, or -1 when none does. `position` is the desired element's
+// index, a hint only (the host element there is looked at first).
 class InstanceMatcher {
  public:
   virtual ~InstanceMatcher() = default;
-  virtual long Take(const rapidjson::Value& desired) = 0;
+  virtual long Take(const rapidjson::Value& desired, size_t position) = 0;
   // Whether host index j has been taken.
   virtual bool Taken(size_t j) const = 0;
 };
 
 // How instances pair: by the string member `idField`, or by
 // ConfigStoreDocument::IsEqualValue under `schemaNode` (generated ids).
-// `host` may be any value; a non-array has no instances.
+// `host` may be any value; a non-array has no instances. `host`, `idField`
+// and `schemaNode` must outlive the matcher.
 struct MatcherFactory {
   std::unique_ptr<InstanceMatcher> (*byIdentifier)(const rapidjson::Value& host,
-                                                   const std::string& idField);
+                                                   std::string_view idField);
   std::unique_ptr<InstanceMatcher> (*byValue)(const rapidjson::Value& host,
                                               const rapidjson::Value& schemaNode);
 };
@@ -65,6 +71,9 @@ struct WalkContext {
   // looking up their schemas again: the forward pass found every one.
   const rapidjson::Value* forwardFirst = nullptr;
   const rapidjson::Value* forwardSecond = nullptr;
+  // Groups of that pass's `second` whose keys all have a namesake in the
+  // same group of `first`: the reverse pass skips them whole.
+  std::unordered_set<const rapidjson::Value*> coveredGroups;
 };
 
 // Appends "/<segment>" to the walk's path for the scope's lifetime.
@@ -87,6 +96,47 @@ class PathScope {
   size_t size_;
 };
 
+inline std::string_view View(const rapidjson::Value& text) {
+  return std::string_view(text.GetString(), text.GetStringLength());
+}
+
+// Byte equality, inlined: the walk compares many short names.
+inline bool SameBytes(const char* x, const char* y, size_t n) {
+  if (x == y) return true;
+  if (n > 32) return std::memcmp(x, y, n) == 0;
+  for (; n >= sizeof(uint64_t); n -= sizeof(uint64_t), x += sizeof(uint64_t), y += sizeof(uint64_t)) {
+    uint64_t u, v;
+    std::memcpy(&u, x, sizeof u);
+    std::memcpy(&v, y, sizeof v);
+    if (u != v) return false;
+  }
+  for (; n > 0; --n)
+    if (*x++ != *y++) return false;
+  return true;
+}
+
+inline bool SameText(const rapidjson::Value& a, const rapidjson::Value& b) {
+  return a.GetStringLength() == b.GetStringLength() &&
+         SameBytes(a.GetString(), b.GetString(), a.GetStringLength());
+}
+
+// Exactly RapidJSON's `a == b` (a member of `a` is compared with the first
+// member of `b` of its name), but objects whose members come in the same
+// order compare in one pass instead of a search per member.
+bool SameValue(const rapidjson::Value& a, const rapidjson::Value& b);
+
+// Values equal member for member in the same order, with distinct member
+// names in every object: such values are equal under RapidJSON's == and
+// under ConfigStoreDocument::IsEqualValue with any schema node.
+bool IdenticalValue(const rapidjson::Value& a, const rapidjson::Value& b);
+
+// Whether no two members of `object` share a name.
+bool DistinctNames(const rapidjson::Value& object);
+
+// `object[name]` with RapidJSON's checks (code 1082 for a non-object or a
+// missing member), without a library call per member.
+const rapidjson::Value& MemberOf(const rapidjson::Value& object, std::string_view name);
+
 // Whether a member name is "cs_generated_id", which is never compared.
 bool IsGeneratedIdName(const rapidjson::Value& name);
 
@@ -101,8 +151,9 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
 void compareSingleton(WalkContext& ctx, const rapidjson::Value& desired, const rapidjson::Value& host,
                       const ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema,
                       rapidjson::Value& driftDoc);
+// `key` names the instance identifier field and the schema.
 void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
-                      ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema);
+                      ConfigStoreObjectId& id, const QenSchemaStore::KeyFacts& key);
 // Whether `desired` and `host` differ under `schemaNode`; reports property
 // events and fills driftDoc (when the handler asks for drift documents).
 bool compareValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,

@@ -31,8 +31,18 @@ uint64_t Mix(uint64_t h) {
   return h;
 }
 
+// Inlined: instance identifiers and member names are short.
 uint64_t HashText(const char* text, size_t length) {
-  return Mix(std::hash<std::string_view>()(std::string_view(text, length)));
+  uint64_t h = 0x243f6a8885a308d3ULL ^ (length * 0x9e3779b97f4a7c15ULL);
+  for (; length >= sizeof(uint64_t); length -= sizeof(uint64_t), text += sizeof(uint64_t)) {
+    uint64_t word;
+    std::memcpy(&word, text, sizeof word);
+    h = (h ^ word) * 0xff51afd7ed558ccdULL;
+    h ^= h >> 29;
+  }
+  uint64_t tail = 0;
+  for (size_t i = 0; i < length; ++i) tail |= uint64_t(static_cast<unsigned char>(text[i])) << (8 * i);
+  return Mix(h ^ tail);
 }
 
 // Values that IsEqualValue finds equal under any schema node hash alike: it
@@ -97,15 +107,19 @@ class ChainedMatcher : public InstanceMatcher {
   explicit ChainedMatcher(const rapidjson::Value& host)
       : host_(host), size_(host.IsArray() ? host.Size() : 0) {}
 
-  long Take(const rapidjson::Value& desired) override {
+  long Take(const rapidjson::Value& desired, size_t position) override {
     if (size_ == 0) return -1;
     // A few instances are searched as they are: an index would cost more.
     if (size_ <= kSmall) return ScanSmall(desired);
     if (slots_.empty()) Build();
-    Slot* slot = FindSlot(HashDesired(desired));
+    // A host instance in the desired one's place that surely pairs shares
+    // its hash, which is known already; the chain still decides which
+    // index pairs first.
+    const bool inPlace = position < size_ && !taken_[position] && SurelyPairs(desired, host_[position]);
+    Slot* slot = FindSlot(inPlace ? hashes_[position] : HashDesired(desired));
     if (!slot) return -1;
     for (uint32_t j = slot->head; j != kEnd; j = next_[j])
-      if (Pairs(desired, host_[j])) return Unlink(slot, j);
+      if ((inPlace && j == position) || Pairs(desired, host_[j])) return Unlink(slot, j);
     return -1;
   }
 
@@ -118,6 +132,8 @@ class ChainedMatcher : public InstanceMatcher {
   virtual uint64_t HashHost(const rapidjson::Value& element) = 0;
   virtual uint64_t HashDesired(const rapidjson::Value& element) = 0;
   virtual bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) = 0;
+  // A quick test that implies Pairs (false when unsure).
+  virtual bool SurelyPairs(const rapidjson::Value& desired, const rapidjson::Value& host) = 0;
 
  private:
   static constexpr uint32_t kSmall = 8;
@@ -146,8 +162,9 @@ class ChainedMatcher : public InstanceMatcher {
     slots_.assign(capacity, Slot{0, kFree});
     next_.resize(size_);
     taken_.assign(size_, false);
+    hashes_.resize(size_);
     for (uint32_t j = 0; j < size_; ++j) {
-      const uint64_t h = HashHost(host_[j]);
+      const uint64_t h = hashes_[j] = HashHost(host_[j]);
       Slot* slot = ProbeSlot(h);
       if (slot->head == kFree) {
         slot->tag = static_cast<uint32_t>(h >> 32);
@@ -188,29 +205,31 @@ class ChainedMatcher : public InstanceMatcher {
   std::vector<Slot> slots_;
   std::vector<uint32_t> next_;
   std::vector<bool> taken_;
+  std::vector<uint64_t> hashes_;
 };
 
 // Natural identifiers: the string member `idField`, compared byte-wise.
 class IdentifierMatcher : public ChainedMatcher {
  public:
-  IdentifierMatcher(const rapidjson::Value& host, const std::string& idField)
+  // `idField` must outlive the matcher.
+  IdentifierMatcher(const rapidjson::Value& host, std::string_view idField)
       : ChainedMatcher(host), idField_(idField) {}
 
  protected:
   uint64_t HashHost(const rapidjson::Value& element) override {
-    const rapidjson::Value& id = element[idField_];
+    const rapidjson::Value& id = MemberOf(element, idField_);
     return HashText(id.GetString(), id.GetStringLength());
   }
   uint64_t HashDesired(const rapidjson::Value& element) override { return HashHost(element); }
   bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
-    const rapidjson::Value& a = desired[idField_];
-    const rapidjson::Value& b = host[idField_];
-    return a.GetStringLength() == b.GetStringLength() &&
-           std::memcmp(a.GetString(), b.GetString(), a.GetStringLength()) == 0;
+    return SameText(MemberOf(desired, idField_), MemberOf(host, idField_));
+  }
+  bool SurelyPairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
+    return Pairs(desired, host);
   }
 
  private:
-  const std::string idField_;
+  const std::string_view idField_;
 };
 
 // Generated identifiers: schema-aware equality of the whole instance.
@@ -225,13 +244,16 @@ class ValueMatcher : public ChainedMatcher {
   bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
     return ConfigStoreDocument::IsEqualValue(desired, host, schemaNode_);
   }
+  bool SurelyPairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
+    return IdenticalValue(desired, host);
+  }
 
  private:
   const rapidjson::Value& schemaNode_;
 };
 
 std::unique_ptr<InstanceMatcher> MakeIdentifierMatcher(const rapidjson::Value& host,
-                                                       const std::string& idField) {
+                                                       std::string_view idField) {
   return std::unique_ptr<InstanceMatcher>(new IdentifierMatcher(host, idField));
 }
 

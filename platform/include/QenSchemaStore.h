@@ -90,6 +90,26 @@ class SchemaObject {
                                            bool& perProperty) const = 0;
 };
 
+// What a walk over many keys needs of one key schema, kept in a contiguous
+// table beside the schemas so that a lookup reads a few bytes per key instead
+// of the schema object. Views point into the cache; valid while it lives.
+struct KeyFacts {
+  std::string_view key;
+  // Empty for a singleton key.
+  std::string_view instanceIdField;
+  bool nonSingleton = false;
+  // instanceIdField is "cs_generated_id".
+  bool generatedId = false;
+  const std::shared_ptr<SchemaObject>* schema = nullptr;
+};
+
+// The keys of one component and group, sorted by key (empty when the pair
+// has none).
+struct GroupFacts {
+  const KeyFacts* begin = nullptr;
+  const KeyFacts* end = nullptr;
+};
+
 // The loaded key schemas of one host root.
 class SchemaCache {
  public:
@@ -102,16 +122,29 @@ class SchemaCache {
   // Every schema, ordered by id.
   const std::vector<std::shared_ptr<SchemaObject>>& GetSchemas() const { return schemas_; }
 
+  // Two-step lookup for walks that look up many keys of one group: the
+  // group once, then each key. Of equal ids the first in sorted order
+  // answers, as GetSchema does.
+  GroupFacts FindGroup(std::string_view component, std::string_view group) const;
+  static const KeyFacts* FindKey(const GroupFacts& group, std::string_view key);
+
  private:
-  // The first schema of `id` in sorted order, or null.
-  const std::shared_ptr<SchemaObject>* Find(std::string_view component, std::string_view group,
-                                            std::string_view key) const;
+  const KeyFacts* Find(std::string_view component, std::string_view group, std::string_view key) const;
+
+  struct Group {
+    std::string_view component;
+    std::string_view group;
+    uint32_t begin, end;  // range of facts_
+  };
 
   std::vector<std::shared_ptr<SchemaObject>> schemas_;  // sorted by id
-  // Open-addressed hash index over schemas_: the upper half of an entry is
-  // the upper half of the id's hash, the lower half its position + 1 (0 =
-  // free). A lookup hashes the three names instead of binary-searching and
-  // copying them into an id, and reads only the schema it finds.
+  std::vector<KeyFacts> facts_;                          // parallel to schemas_
+  std::vector<Group> groups_;
+  // Names the views of facts_ and groups_ point to.
+  std::unique_ptr<char[]> names_;
+  // Open-addressed hash index over groups_: the upper half of an entry is the
+  // upper half of the pair's hash, the lower half its position + 1 (0 =
+  // free), so a probe miss reads no names.
   std::vector<uint64_t> index_;
 };
 

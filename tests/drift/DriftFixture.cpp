@@ -52,7 +52,7 @@ class LiteralMatcher : public drift::InstanceMatcher {
     if (host.IsArray())
       for (size_t j = host.Size(); j-- > 0;) remaining_.push_back(j);
   }
-  long Take(const rapidjson::Value& desired) override {
+  long Take(const rapidjson::Value& desired, size_t) override {
     for (auto it = remaining_.begin(); it != remaining_.end(); ++it) {
       if (!pairs_(desired, host_[static_cast<rapidjson::SizeType>(*it)])) continue;
       const long j = static_cast<long>(*it);
@@ -72,9 +72,9 @@ class LiteralMatcher : public drift::InstanceMatcher {
 };
 
 std::unique_ptr<drift::InstanceMatcher> LiteralById(const rapidjson::Value& host,
-                                                    const std::string& idField) {
+                                                    std::string_view idView) {
   return std::make_unique<LiteralMatcher>(
-      host, [idField](const rapidjson::Value& d, const rapidjson::Value& h) {
+      host, [idField = std::string(idView)](const rapidjson::Value& d, const rapidjson::Value& h) {
         return std::string(d[idField].GetString()) == h[idField].GetString();
       });
 }

@@ -1,6 +1,7 @@
 #include "QenSchemaStore.h"
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <string_view>
@@ -231,61 +232,97 @@ namespace {
 
 constexpr uint64_t kTagMask = 0xffffffff00000000ULL;
 
-uint64_t IdHash(std::string_view component, std::string_view group, std::string_view key) {
+uint64_t GroupHash(std::string_view component, std::string_view group) {
   const std::hash<std::string_view> hash;
   size_t h = hash(component);
   h = (h ^ (h >> 29)) * 0x9e3779b97f4a7c15ULL + hash(group);
-  h = (h ^ (h >> 29)) * 0x9e3779b97f4a7c15ULL + hash(key);
   return h ^ (h >> 31);
 }
+
+bool KeyLess(const KeyFacts& facts, std::string_view key) { return facts.key < key; }
 
 }  // namespace
 
 SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
     : schemas_(std::move(schemas)) {
   std::sort(schemas_.begin(), schemas_.end(), IdLess);
+  // Every name once: keys, instance identifier fields, and component and
+  // group of each group.
+  size_t bytes = 0;
+  for (const auto& schema : schemas_) {
+    const SchemaObjectId& id = schema->GetId();
+    bytes += id.key.size() + schema->GetInstanceIdField().size() + id.component.size() + id.group.size();
+  }
+  names_.reset(new char[bytes + 1]);
+  char* next = names_.get();
+  auto keep = [&next](const std::string& text) {
+    std::memcpy(next, text.data(), text.size());
+    std::string_view view(next, text.size());
+    next += text.size();
+    return view;
+  };
+
+  facts_.reserve(schemas_.size());
+  for (size_t i = 0; i < schemas_.size(); ++i) {
+    const SchemaObject& schema = *schemas_[i];
+    const SchemaObjectId& id = schema.GetId();
+    if (groups_.empty() || groups_.back().component != id.component || groups_.back().group != id.group)
+      groups_.push_back(Group{keep(id.component), keep(id.group), static_cast<uint32_t>(i),
+                              static_cast<uint32_t>(i)});
+    ++groups_.back().end;
+    KeyFacts facts;
+    facts.key = keep(id.key);
+    facts.instanceIdField = keep(schema.GetInstanceIdField());
+    facts.nonSingleton = schema.IsNonSingleton();
+    facts.generatedId = facts.instanceIdField == kGeneratedInstanceId;
+    facts.schema = &schemas_[i];
+    facts_.push_back(facts);
+  }
+
   size_t capacity = 16;
-  while (capacity < 2 * schemas_.size()) capacity <<= 1;
+  while (capacity < 2 * groups_.size()) capacity <<= 1;
   index_.assign(capacity, 0);
   const size_t mask = capacity - 1;
-  for (size_t i = 0; i < schemas_.size(); ++i) {
-    const SchemaObjectId& id = schemas_[i]->GetId();
-    const uint64_t h = IdHash(id.component, id.group, id.key);
-    for (size_t s = h & mask;; s = (s + 1) & mask) {
-      if (index_[s] == 0) {
-        index_[s] = (h & kTagMask) | (i + 1);
-        break;
-      }
-      // Of equal ids the first in sorted order answers, as a binary search would.
-      if (schemas_[(index_[s] & ~kTagMask) - 1]->GetId() == id) break;
-    }
+  for (size_t i = 0; i < groups_.size(); ++i) {
+    const uint64_t h = GroupHash(groups_[i].component, groups_[i].group);
+    size_t s = h & mask;
+    while (index_[s] != 0) s = (s + 1) & mask;
+    index_[s] = (h & kTagMask) | (i + 1);
   }
 }
 
-const std::shared_ptr<SchemaObject>* SchemaCache::Find(std::string_view component,
-                                                       std::string_view group,
-                                                       std::string_view key) const {
+GroupFacts SchemaCache::FindGroup(std::string_view component, std::string_view group) const {
   const size_t mask = index_.size() - 1;
-  const uint64_t h = IdHash(component, group, key);
+  const uint64_t h = GroupHash(component, group);
   for (size_t s = h & mask; index_[s] != 0; s = (s + 1) & mask) {
     if ((index_[s] & kTagMask) != (h & kTagMask)) continue;
-    const std::shared_ptr<SchemaObject>& schema = schemas_[(index_[s] & ~kTagMask) - 1];
-    const SchemaObjectId& id = schema->GetId();
-    if (id.key == key && id.group == group && id.component == component) return &schema;
+    const Group& g = groups_[(index_[s] & ~kTagMask) - 1];
+    if (g.group == group && g.component == component)
+      return GroupFacts{facts_.data() + g.begin, facts_.data() + g.end};
   }
-  return nullptr;
+  return GroupFacts{};
+}
+
+const KeyFacts* SchemaCache::FindKey(const GroupFacts& group, std::string_view key) {
+  const KeyFacts* facts = std::lower_bound(group.begin, group.end, key, KeyLess);
+  return facts != group.end && facts->key == key ? facts : nullptr;
+}
+
+const KeyFacts* SchemaCache::Find(std::string_view component, std::string_view group,
+                                  std::string_view key) const {
+  return FindKey(FindGroup(component, group), key);
 }
 
 std::shared_ptr<SchemaObject> SchemaCache::GetSchema(const SchemaObjectId& id) const {
-  const std::shared_ptr<SchemaObject>* schema = Find(id.component, id.group, id.key);
-  return schema ? *schema : nullptr;
+  const KeyFacts* facts = Find(id.component, id.group, id.key);
+  return facts ? *facts->schema : nullptr;
 }
 
 std::shared_ptr<SchemaObject> SchemaCache::GetSchema(const std::string& component,
                                                      const std::string& group,
                                                      const std::string& key) const {
-  const std::shared_ptr<SchemaObject>* schema = Find(component, group, key);
-  return schema ? *schema : nullptr;
+  const KeyFacts* facts = Find(component, group, key);
+  return facts ? *facts->schema : nullptr;
 }
 
 std::shared_ptr<SchemaStore> SchemaStore::Load(const std::string& logicalDir) {
