@@ -101,6 +101,12 @@ class PluginHostTest : public HostRootTest {
     errno = 0;
     EXPECT_EQ(waitpid(-1, &status, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
+    // A joined thread can linger in /proc/self/task for a moment after its
+    // join returns (the kernel reaps it after clearing its id).
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (ThreadCount() > threadsBefore_ && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     EXPECT_EQ(ThreadCount(), threadsBefore_);
   }
 
