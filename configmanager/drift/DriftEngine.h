@@ -101,7 +101,7 @@ inline std::string_view View(const rapidjson::Value& text) {
 }
 
 // Byte equality, inlined: the walk compares many short names.
-inline bool SameBytes(const char* x, const char* y, size_t n) {
+__attribute__((always_inline)) inline bool SameBytes(const char* x, const char* y, size_t n) {
   if (x == y) return true;
   if (n > 32) return std::memcmp(x, y, n) == 0;
   for (; n >= sizeof(uint64_t); n -= sizeof(uint64_t), x += sizeof(uint64_t), y += sizeof(uint64_t)) {
@@ -115,7 +115,8 @@ inline bool SameBytes(const char* x, const char* y, size_t n) {
   return true;
 }
 
-inline bool SameText(const rapidjson::Value& a, const rapidjson::Value& b) {
+__attribute__((always_inline)) inline bool SameText(const rapidjson::Value& a,
+                                                   const rapidjson::Value& b) {
   return a.GetStringLength() == b.GetStringLength() &&
          SameBytes(a.GetString(), b.GetString(), a.GetStringLength());
 }
@@ -133,9 +134,21 @@ bool IdenticalValue(const rapidjson::Value& a, const rapidjson::Value& b);
 // Whether no two members of `object` share a name.
 bool DistinctNames(const rapidjson::Value& object);
 
-// `object[name]` with RapidJSON's checks (code 1082 for a non-object or a
-// missing member), without a library call per member.
-const rapidjson::Value& MemberOf(const rapidjson::Value& object, std::string_view name);
+// `object[name]`, which raises the library's error (code 1082) for a
+// non-object or a missing member.
+const rapidjson::Value& MissingMember(const rapidjson::Value& object, std::string_view name);
+
+// `object[name]` with RapidJSON's checks, without a library call per member.
+__attribute__((always_inline)) inline const rapidjson::Value& MemberOf(const rapidjson::Value& object,
+                                                                      std::string_view name) {
+  if (object.IsObject()) {
+    for (auto m = object.MemberBegin(); m != object.MemberEnd(); ++m)
+      if (m->name.GetStringLength() == name.size() &&
+          SameBytes(m->name.GetString(), name.data(), name.size()))
+        return m->value;
+  }
+  return MissingMember(object, name);
+}
 
 // Whether a member name is "cs_generated_id", which is never compared.
 bool IsGeneratedIdName(const rapidjson::Value& name);

@@ -113,19 +113,28 @@ class ChainedMatcher : public InstanceMatcher {
     if (size_ <= kSmall) return ScanSmall(desired);
     if (slots_.empty()) Build();
     // A host instance in the desired one's place that surely pairs shares
-    // its hash, which is known already; the chain still decides which
-    // index pairs first.
-    const bool inPlace = position < size_ && !taken_[position] && SurelyPairs(desired, host_[position]);
+    // its hash, which is known already. Alone in its chain it is the only
+    // candidate, so it is taken without touching the chain (which then
+    // holds one taken element); otherwise the chain decides which index
+    // pairs first.
+    const bool inPlace =
+        position < size_ && !(state_[position] & kTaken) && SurelyPairs(desired, host_[position]);
+    if (inPlace && !(state_[position] & kShared)) {
+      state_[position] |= kTaken;
+      return static_cast<long>(position);
+    }
     Slot* slot = FindSlot(inPlace ? hashes_[position] : HashDesired(desired));
     if (!slot) return -1;
-    for (uint32_t j = slot->head; j != kEnd; j = next_[j])
+    for (uint32_t j = slot->head; j != kEnd; j = next_[j]) {
+      if (state_[j] & kTaken) continue;
       if ((inPlace && j == position) || Pairs(desired, host_[j])) return Unlink(slot, j);
+    }
     return -1;
   }
 
   bool Taken(size_t j) const override {
     if (size_ <= kSmall) return (smallTaken_ >> j) & 1;
-    return !slots_.empty() && taken_[j];
+    return !slots_.empty() && (state_[j] & kTaken);
   }
 
  protected:
@@ -139,6 +148,9 @@ class ChainedMatcher : public InstanceMatcher {
   static constexpr uint32_t kSmall = 8;
   static constexpr uint32_t kFree = UINT32_MAX;    // slot never used
   static constexpr uint32_t kEnd = UINT32_MAX - 1;  // end of a chain
+  // state_ flags of a host index.
+  static constexpr uint8_t kTaken = 1;
+  static constexpr uint8_t kShared = 2;  // its chain holds other indices
 
   // One chain per hash tag; chains of different hashes that share a tag
   // merge, which costs comparisons but keeps the order (highest first).
@@ -161,7 +173,7 @@ class ChainedMatcher : public InstanceMatcher {
     while (capacity < 2 * static_cast<size_t>(size_)) capacity <<= 1;
     slots_.assign(capacity, Slot{0, kFree});
     next_.resize(size_);
-    taken_.assign(size_, false);
+    state_.assign(size_, 0);
     hashes_.resize(size_);
     for (uint32_t j = 0; j < size_; ++j) {
       const uint64_t h = hashes_[j] = HashHost(host_[j]);
@@ -169,6 +181,9 @@ class ChainedMatcher : public InstanceMatcher {
       if (slot->head == kFree) {
         slot->tag = static_cast<uint32_t>(h >> 32);
         slot->head = kEnd;
+      } else {
+        state_[slot->head] |= kShared;
+        state_[j] |= kShared;
       }
       next_[j] = slot->head;
       slot->head = j;
@@ -183,7 +198,7 @@ class ChainedMatcher : public InstanceMatcher {
       while (next_[previous] != j) previous = next_[previous];
       next_[previous] = next_[j];
     }
-    taken_[j] = true;
+    state_[j] |= kTaken;
     return static_cast<long>(j);
   }
 
@@ -204,7 +219,7 @@ class ChainedMatcher : public InstanceMatcher {
   uint64_t smallTaken_ = 0;
   std::vector<Slot> slots_;
   std::vector<uint32_t> next_;
-  std::vector<bool> taken_;
+  std::vector<uint8_t> state_;
   std::vector<uint64_t> hashes_;
 };
 

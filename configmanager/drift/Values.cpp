@@ -18,27 +18,25 @@ constexpr int kSameValueDepth = 256;
 class NameFilter {
  public:
   // Whether members[i].name equals the name of an earlier member.
-  bool Repeats(const rapidjson::Value::Member* members, rapidjson::SizeType i) {
+  __attribute__((always_inline)) bool Repeats(const rapidjson::Value::Member* members,
+                                              rapidjson::SizeType i) {
     const rapidjson::Value& name = members[i].name;
-    const unsigned bit = Signature(name);
+    const size_t n = name.GetStringLength();
+    const unsigned char* s = reinterpret_cast<const unsigned char*>(name.GetString());
+    const unsigned bit = n == 0 ? 0 : static_cast<unsigned>(n * 37 + s[0] * 5 + s[n - 1] * 11) & 255;
     uint64_t& word = seen_[bit >> 6];
     const uint64_t mask = uint64_t(1) << (bit & 63);
-    if (word & mask) {
-      for (rapidjson::SizeType j = 0; j < i; ++j)
-        if (SameText(members[j].name, name)) return true;
-    }
+    if (word & mask) return RepeatsEarlier(members, i);
     word |= mask;
     return false;
   }
 
  private:
-  static unsigned Signature(const rapidjson::Value& name) {
-    const size_t n = name.GetStringLength();
-    const unsigned char* s = reinterpret_cast<const unsigned char*>(name.GetString());
-    uint64_t h = n * 0x9e3779b97f4a7c15ULL;
-    if (n > 0) h ^= (uint64_t(s[0]) << 8 | s[n - 1]) * 0xff51afd7ed558ccdULL;
-    if (n > 2) h ^= (uint64_t(s[1]) << 8 | s[n - 2]) * 0xc4ceb9fe1a85ec53ULL;
-    return static_cast<unsigned>(h >> 56);
+  __attribute__((noinline)) static bool RepeatsEarlier(const rapidjson::Value::Member* members,
+                                                       rapidjson::SizeType i) {
+    for (rapidjson::SizeType j = 0; j < i; ++j)
+      if (SameText(members[j].name, members[i].name)) return true;
+    return false;
   }
 
   uint64_t seen_[4] = {0, 0, 0, 0};
@@ -119,15 +117,7 @@ bool DistinctNames(const rapidjson::Value& object) {
   return true;
 }
 
-const rapidjson::Value& MemberOf(const rapidjson::Value& object, std::string_view name) {
-  if (object.IsObject()) {
-    for (auto m = object.MemberBegin(); m != object.MemberEnd(); ++m) {
-      const rapidjson::Value& n = m->name;
-      if (n.GetStringLength() == name.size() && SameBytes(n.GetString(), name.data(), name.size()))
-        return m->value;
-    }
-  }
-  // Raises the library's own error for a non-object or a missing member.
+const rapidjson::Value& MissingMember(const rapidjson::Value& object, std::string_view name) {
   return object[rapidjson::Value(rapidjson::StringRef(name.data(), name.size()))];
 }
 

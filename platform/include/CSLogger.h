@@ -3,6 +3,13 @@
 // at or below the stderr verbosity, to stderr. Priorities: 0 failure, 1 note,
 // 2 progress and decisions, 3 detail. Thread-safe.
 //
+// Failure and note lines (0, 1) are written to the file at once. Progress and
+// detail lines (2, 3) are buffered, so that hot paths pay no system call per
+// line: they are written before the next failure or note line, when 8 KiB or
+// one second's worth has gathered (checked at each line), at exit, before a
+// fork, and by Flush(). A process that dies by a signal loses its buffered
+// lines. Captures and stderr see every line at once.
+//
 // Never pass a value that a schema marks sensitive; format untrusted text
 // through "%s", never as the format.
 #pragma once
@@ -17,6 +24,9 @@ void Log(int priority, const char* format, ...) __attribute__((format(printf, 2,
 
 // Lines with priority <= level also go to stderr; -1 (the default) sends none.
 void SetStderrVerbosity(int level);
+
+// Writes the buffered lines to the log file now.
+void Flush();
 
 constexpr const char* kLogFile = "/var/log/corvane/configmanager.log";
 

@@ -95,6 +95,8 @@ class SchemaObject {
 // of the schema object. Views point into the cache; valid while it lives.
 struct KeyFacts {
   std::string_view key;
+  // The key's first eight bytes, zero-padded: most probes compare this alone.
+  uint64_t prefix = 0;
   // Empty for a singleton key.
   std::string_view instanceIdField;
   bool nonSingleton = false;

@@ -1,31 +1,44 @@
 #include "CSLogger.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <mutex>
+#include <pthread.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <boost/filesystem.hpp>
 
 #include "HostRoot.h"
 
 namespace CSLogger {
 namespace {
 
+// Lines of this priority and above are buffered; lower ones (failures,
+// notes) are written at once, after whatever is buffered.
+constexpr int kBufferedPriority = 2;
+// Buffered lines are written when they reach this size or age, and at exit
+// and before a fork.
+constexpr size_t kBufferBytes = 8192;
+constexpr time_t kBufferSeconds = 1;
+
 struct LoggerState {
   std::mutex mutex;
   int stderrLevel = -1;
   std::vector<Capture*> captures;
   std::string openPath;
-  FILE* file = nullptr;
-
-  ~LoggerState() {
-    if (file) fclose(file);
-  }
+  int fd = -1;
+  std::string pending;
+  time_t pendingSince = 0;
+  bool hooksInstalled = false;
+  pid_t pid = getpid();
+  time_t stampSecond = -1;
+  char stamp[32] = {};
 };
 
 LoggerState& State() {
@@ -33,46 +46,105 @@ LoggerState& State() {
   return *state;
 }
 
-std::string VFormat(const char* format, va_list args) {
-  va_list copy;
-  va_copy(copy, args);
-  int n = vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  if (n < 0) return std::string();
-  std::string out(static_cast<size_t>(n), '\0');
-  vsnprintf(&out[0], out.size() + 1, format, args);
-  return out;
+// Writes the buffered lines; the caller holds the mutex.
+void WritePending(LoggerState& s) {
+  size_t done = 0;
+  while (s.fd >= 0 && done < s.pending.size()) {
+    const ssize_t n = write(s.fd, s.pending.data() + done, s.pending.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  s.pending.clear();
 }
 
-// Appends to the host's log file, reopening it when the host root changed.
-void WriteToFile(LoggerState& s, int priority, const std::string& text) {
+void FlushLocked() {
+  LoggerState& s = State();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  WritePending(s);
+}
+
+// A fork copies the buffer, so it is written first; the child gets its own
+// process id. The mutex is held across the fork so the child never inherits
+// it locked by another thread.
+void BeforeFork() {
+  LoggerState& s = State();
+  s.mutex.lock();
+  WritePending(s);
+}
+void AfterForkParent() { State().mutex.unlock(); }
+void AfterForkChild() {
+  LoggerState& s = State();
+  s.pid = getpid();
+  s.mutex.unlock();
+}
+
+// Opens the host's log file, or reopens it when the host root changed.
+void OpenFile(LoggerState& s) {
   std::string path = QenPlatform::HostPath(kLogFile);
-  if (path != s.openPath) {
-    if (s.file) fclose(s.file);
-    s.file = nullptr;
-    s.openPath = path;
-    // std::filesystem, not Boost: plugins carry the logger, and it must not
-    // make them load another library.
-    std::error_code ec;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-    s.file = fopen(path.c_str(), "ae");
+  if (path == s.openPath) return;
+  WritePending(s);  // into the file they were logged for
+  if (s.fd >= 0) close(s.fd);
+  s.openPath = path;
+  boost::system::error_code ec;
+  boost::filesystem::create_directories(boost::filesystem::path(path).parent_path(), ec);
+  s.fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+}
+
+const char* Stamp(LoggerState& s) {
+  const time_t now = time(nullptr);
+  if (now != s.stampSecond) {
+    struct tm tmv;
+    gmtime_r(&now, &tmv);
+    strftime(s.stamp, sizeof s.stamp, "%Y-%m-%dT%H:%M:%SZ", &tmv);
+    s.stampSecond = now;
   }
-  if (!s.file) return;
-  char stamp[32];
-  time_t now = time(nullptr);
-  struct tm tmv;
-  gmtime_r(&now, &tmv);
-  strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &tmv);
-  fprintf(s.file, "%s [%d] <%d> %s\n", stamp, static_cast<int>(getpid()), priority, text.c_str());
-  fflush(s.file);
+  return s.stamp;
+}
+
+void WriteToFile(LoggerState& s, int priority, const std::string& text) {
+  if (!s.hooksInstalled) {
+    s.hooksInstalled = true;
+    pthread_atfork(BeforeFork, AfterForkParent, AfterForkChild);
+    std::atexit(FlushLocked);
+  }
+  OpenFile(s);
+  if (s.fd < 0) return;
+  const time_t now = time(nullptr);
+  if (s.pending.empty()) s.pendingSince = now;
+  char head[64];
+  const int n = snprintf(head, sizeof head, "%s [%d] <%d> ", Stamp(s), static_cast<int>(s.pid), priority);
+  s.pending.append(head, n > 0 ? static_cast<size_t>(n) : 0);
+  s.pending += text;
+  s.pending.push_back('\n');
+  if (priority < kBufferedPriority || s.pending.size() >= kBufferBytes ||
+      now - s.pendingSince >= kBufferSeconds)
+    WritePending(s);
+}
+
+// Formats into `out`; short lines need no second pass.
+void VFormat(std::string& out, const char* format, va_list args) {
+  char local[512];
+  va_list copy;
+  va_copy(copy, args);
+  const int n = vsnprintf(local, sizeof local, format, copy);
+  va_end(copy);
+  if (n < 0) return;
+  if (static_cast<size_t>(n) < sizeof local) {
+    out.assign(local, static_cast<size_t>(n));
+    return;
+  }
+  out.assign(static_cast<size_t>(n), '\0');
+  vsnprintf(&out[0], out.size() + 1, format, args);
 }
 
 }  // namespace
 
 void Log(int priority, const char* format, ...) {
+  std::string text;
   va_list args;
   va_start(args, format);
-  std::string text = VFormat(format, args);
+  VFormat(text, format, args);
   va_end(args);
 
   LoggerState& s = State();
@@ -81,6 +153,8 @@ void Log(int priority, const char* format, ...) {
   WriteToFile(s, priority, text);
   if (priority <= s.stderrLevel) fprintf(stderr, "<%d> %s\n", priority, text.c_str());
 }
+
+void Flush() { FlushLocked(); }
 
 void SetStderrVerbosity(int level) {
   LoggerState& s = State();

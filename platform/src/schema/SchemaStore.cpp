@@ -241,6 +241,15 @@ uint64_t GroupHash(std::string_view component, std::string_view group) {
 
 bool KeyLess(const KeyFacts& facts, std::string_view key) { return facts.key < key; }
 
+uint64_t Prefix(std::string_view text) {
+  uint64_t prefix = 0;
+  if (!text.empty()) std::memcpy(&prefix, text.data(), std::min(text.size(), sizeof prefix));
+  return prefix;
+}
+
+// Groups up to this size are scanned by prefix rather than bisected.
+constexpr size_t kScanKeys = 16;
+
 }  // namespace
 
 SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
@@ -272,6 +281,7 @@ SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
     ++groups_.back().end;
     KeyFacts facts;
     facts.key = keep(id.key);
+    facts.prefix = Prefix(facts.key);
     facts.instanceIdField = keep(schema.GetInstanceIdField());
     facts.nonSingleton = schema.IsNonSingleton();
     facts.generatedId = facts.instanceIdField == kGeneratedInstanceId;
@@ -304,6 +314,17 @@ GroupFacts SchemaCache::FindGroup(std::string_view component, std::string_view g
 }
 
 const KeyFacts* SchemaCache::FindKey(const GroupFacts& group, std::string_view key) {
+  if (static_cast<size_t>(group.end - group.begin) <= kScanKeys) {
+    const uint64_t prefix = Prefix(key);
+    const size_t n = key.size();
+    for (const KeyFacts* f = group.begin; f != group.end; ++f) {
+      if (f->prefix == prefix && f->key.size() == n &&
+          (n <= sizeof prefix ||
+           std::memcmp(f->key.data() + sizeof prefix, key.data() + sizeof prefix, n - sizeof prefix) == 0))
+        return f;
+    }
+    return nullptr;
+  }
   const KeyFacts* facts = std::lower_bound(group.begin, group.end, key, KeyLess);
   return facts != group.end && facts->key == key ? facts : nullptr;
 }
