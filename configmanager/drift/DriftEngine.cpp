@@ -44,7 +44,6 @@ namespace drift {
 namespace {
 
 constexpr const char* kGeneratedId = "cs_generated_id";
-constexpr size_t kGeneratedIdLength = 15;
 constexpr const char* kOpAdd = "ADD";
 constexpr const char* kOpSet = "SET";
 constexpr const char* kOpDelete = "DELETE";
@@ -213,11 +212,6 @@ bool CompareByValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson
 }
 
 }  // namespace
-
-bool IsGeneratedIdName(const rapidjson::Value& name) {
-  return name.GetStringLength() == kGeneratedIdLength &&
-         std::char_traits<char>::compare(name.GetString(), kGeneratedId, kGeneratedIdLength) == 0;
-}
 
 bool IsEmptyValue(const rapidjson::Value& value) {
   if (value.IsNull()) return true;
@@ -389,7 +383,11 @@ void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjs
   rapidjson::SizeType n = 0;
   if (!IsEmptyValue(desired)) {
     n = desired.Size();
+    matcher->Expect(desired);
     for (rapidjson::SizeType i = 0; i < n; ++i) {
+      // An identical partner reports nothing, and its identifier was
+      // checked with the host's.
+      if (matcher->TakeIdentical(i)) continue;
       rapidjson::Value& element = desired[i];
       if (generated) {
         if (matcher->Take(element, i) >= 0) continue;

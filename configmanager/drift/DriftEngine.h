@@ -28,6 +28,15 @@ class InstanceMatcher {
  public:
   virtual ~InstanceMatcher() = default;
   virtual long Take(const rapidjson::Value& desired, size_t position) = 0;
+  // The desired array whose elements will be taken, in order. An index may
+  // compare them with the host instances in the same places while it reads
+  // those (never raising an error for either).
+  virtual void Expect(const rapidjson::Value& /*desired*/) {}
+  // Takes the host instance at `position` when the expected desired
+  // instance there is identical to it (IdenticalValue) and no other host
+  // instance could pair with it: it is what Take would return, and the two
+  // need no comparison. False says nothing; use Take.
+  virtual bool TakeIdentical(size_t /*position*/) { return false; }
   // Whether host index j has been taken.
   virtual bool Taken(size_t j) const = 0;
 };
@@ -103,13 +112,22 @@ inline std::string_view View(const rapidjson::Value& text) {
 // Byte equality, inlined: the walk compares many short names.
 __attribute__((always_inline)) inline bool SameBytes(const char* x, const char* y, size_t n) {
   if (x == y) return true;
-  if (n > 32) return std::memcmp(x, y, n) == 0;
-  for (; n >= sizeof(uint64_t); n -= sizeof(uint64_t), x += sizeof(uint64_t), y += sizeof(uint64_t)) {
-    uint64_t u, v;
-    std::memcpy(&u, x, sizeof u);
-    std::memcpy(&v, y, sizeof v);
-    if (u != v) return false;
+  auto load8 = [](const char* p) {
+    uint64_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+  };
+  auto load4 = [](const char* p) {
+    uint32_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+  };
+  // Two overlapping loads cover the short lengths.
+  if (n >= 8) {
+    if (n > 16) return std::memcmp(x, y, n) == 0;
+    return load8(x) == load8(y) && load8(x + n - 8) == load8(y + n - 8);
   }
+  if (n >= 4) return load4(x) == load4(y) && load4(x + n - 4) == load4(y + n - 4);
   for (; n > 0; --n)
     if (*x++ != *y++) return false;
   return true;
@@ -151,7 +169,10 @@ __attribute__((always_inline)) inline const rapidjson::Value& MemberOf(const rap
 }
 
 // Whether a member name is "cs_generated_id", which is never compared.
-bool IsGeneratedIdName(const rapidjson::Value& name);
+inline bool IsGeneratedIdName(const rapidjson::Value& name) {
+  static constexpr char kName[] = "cs_generated_id";
+  return name.GetStringLength() == sizeof kName - 1 && SameBytes(name.GetString(), kName, sizeof kName - 1);
+}
 
 // null, {} and [] are empty; strings, numbers and booleans never are.
 bool IsEmptyValue(const rapidjson::Value& value);

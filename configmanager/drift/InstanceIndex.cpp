@@ -31,18 +31,24 @@ uint64_t Mix(uint64_t h) {
   return h;
 }
 
+// One multiply: the steps inside a value hash need not be strong, its
+// result gets one Mix before it picks a slot.
+inline uint64_t Step(uint64_t h) {
+  h *= 0x9e3779b97f4a7c15ULL;
+  return h ^ (h >> 32);
+}
+
 // Inlined: instance identifiers and member names are short.
 uint64_t HashText(const char* text, size_t length) {
-  uint64_t h = 0x243f6a8885a308d3ULL ^ (length * 0x9e3779b97f4a7c15ULL);
+  uint64_t h = Step(length ^ 0x243f6a8885a308d3ULL);
   for (; length >= sizeof(uint64_t); length -= sizeof(uint64_t), text += sizeof(uint64_t)) {
     uint64_t word;
     std::memcpy(&word, text, sizeof word);
-    h = (h ^ word) * 0xff51afd7ed558ccdULL;
-    h ^= h >> 29;
+    h = Step(h ^ word);
   }
   uint64_t tail = 0;
   for (size_t i = 0; i < length; ++i) tail |= uint64_t(static_cast<unsigned char>(text[i])) << (8 * i);
-  return Mix(h ^ tail);
+  return Step(h ^ tail);
 }
 
 // Values that IsEqualValue finds equal under any schema node hash alike: it
@@ -64,7 +70,7 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
       if (d == 0) d = 0;  // -0.0
       uint64_t bits;
       std::memcpy(&bits, &d, sizeof bits);
-      return Mix(bits ^ 0x44);
+      return Step(bits ^ 0x44);
     }
     case rapidjson::kStringType:
       return HashText(value.GetString(), value.GetStringLength()) ^ 0x55;
@@ -75,28 +81,30 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
       for (auto m = value.MemberBegin(); m != value.MemberEnd(); ++m) {
         if (m->value.IsNull() || IsGeneratedIdName(m->name)) continue;
         const uint64_t name = HashText(m->name.GetString(), m->name.GetStringLength());
-        sum += Mix(name * 0x9e3779b97f4a7c15ULL + HashValue(m->value, depth + 1));
+        sum += Step(name ^ Step(HashValue(m->value, depth + 1) ^ 0x66));
       }
-      return Mix(sum);
+      return Step(sum);
     }
     case rapidjson::kArrayType: {
-      // The set of element hashes: the same for any order and multiplicity.
-      // Short arrays (the common case) sort on the stack.
-      constexpr rapidjson::SizeType kShort = 16;
-      uint64_t local[kShort];
-      std::vector<uint64_t> heap;
+      // A sum over the set of element hashes: the same for any order and
+      // multiplicity. Short arrays (the common case) drop repeats in place.
+      constexpr rapidjson::SizeType kShort = 8;
       const rapidjson::SizeType n = value.Size();
-      uint64_t* elements = local;
-      if (n > kShort) {
-        heap.resize(n);
-        elements = heap.data();
+      uint64_t sum = 0x77;
+      if (n <= kShort) {
+        uint64_t seen[kShort];
+        for (rapidjson::SizeType i = 0; i < n; ++i) {
+          const uint64_t e = seen[i] = HashValue(value[i], depth + 1);
+          if (std::find(seen, seen + i, e) == seen + i) sum += Step(e ^ 0x7777);
+        }
+        return Step(sum);
       }
+      std::vector<uint64_t> elements(n);
       for (rapidjson::SizeType i = 0; i < n; ++i) elements[i] = HashValue(value[i], depth + 1);
-      std::sort(elements, elements + n);
-      uint64_t* end = std::unique(elements, elements + n);
-      uint64_t h = 0x77;
-      for (uint64_t* e = elements; e != end; ++e) h = Mix(h ^ *e) + *e;
-      return h;
+      std::sort(elements.begin(), elements.end());
+      const auto end = std::unique(elements.begin(), elements.end());
+      for (auto e = elements.begin(); e != end; ++e) sum += Step(*e ^ 0x7777);
+      return Step(sum);
     }
   }
   return 0;
@@ -132,6 +140,18 @@ class ChainedMatcher : public InstanceMatcher {
     return -1;
   }
 
+  void Expect(const rapidjson::Value& desired) override {
+    expected_ = desired.IsArray() ? &desired : nullptr;
+  }
+
+  bool TakeIdentical(size_t position) override {
+    if (size_ <= kSmall || !expected_ || position >= size_) return false;
+    if (slots_.empty()) Build();
+    if ((state_[position] & (kTaken | kShared | kIdentical)) != kIdentical) return false;
+    state_[position] |= kTaken;
+    return true;
+  }
+
   bool Taken(size_t j) const override {
     if (size_ <= kSmall) return (smallTaken_ >> j) & 1;
     return !slots_.empty() && (state_[j] & kTaken);
@@ -151,6 +171,9 @@ class ChainedMatcher : public InstanceMatcher {
   // state_ flags of a host index.
   static constexpr uint8_t kTaken = 1;
   static constexpr uint8_t kShared = 2;  // its chain holds other indices
+  // Identical to the expected desired instance in its place, which
+  // therefore pairs with it (both matchers' Pairs hold for identical values).
+  static constexpr uint8_t kIdentical = 4;
 
   // One chain per hash tag; chains of different hashes that share a tag
   // merge, which costs comparisons but keeps the order (highest first).
@@ -175,8 +198,12 @@ class ChainedMatcher : public InstanceMatcher {
     next_.resize(size_);
     state_.assign(size_, 0);
     hashes_.resize(size_);
+    // One pass reads each host instance once, with the desired one in its
+    // place while both are at hand.
+    const uint32_t expected = expected_ ? std::min(size_, expected_->Size()) : 0;
     for (uint32_t j = 0; j < size_; ++j) {
       const uint64_t h = hashes_[j] = HashHost(host_[j]);
+      if (j < expected && IdenticalValue((*expected_)[j], host_[j])) state_[j] |= kIdentical;
       Slot* slot = ProbeSlot(h);
       if (slot->head == kFree) {
         slot->tag = static_cast<uint32_t>(h >> 32);
@@ -216,6 +243,7 @@ class ChainedMatcher : public InstanceMatcher {
 
   const rapidjson::Value& host_;
   const uint32_t size_;
+  const rapidjson::Value* expected_ = nullptr;
   uint64_t smallTaken_ = 0;
   std::vector<Slot> slots_;
   std::vector<uint32_t> next_;
@@ -233,7 +261,7 @@ class IdentifierMatcher : public ChainedMatcher {
  protected:
   uint64_t HashHost(const rapidjson::Value& element) override {
     const rapidjson::Value& id = MemberOf(element, idField_);
-    return HashText(id.GetString(), id.GetStringLength());
+    return Mix(HashText(id.GetString(), id.GetStringLength()));
   }
   uint64_t HashDesired(const rapidjson::Value& element) override { return HashHost(element); }
   bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
@@ -254,8 +282,8 @@ class ValueMatcher : public ChainedMatcher {
       : ChainedMatcher(host), schemaNode_(schemaNode) {}
 
  protected:
-  uint64_t HashHost(const rapidjson::Value& element) override { return HashValue(element, 0); }
-  uint64_t HashDesired(const rapidjson::Value& element) override { return HashValue(element, 0); }
+  uint64_t HashHost(const rapidjson::Value& element) override { return Mix(HashValue(element, 0)); }
+  uint64_t HashDesired(const rapidjson::Value& element) override { return HashHost(element); }
   bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {
     return ConfigStoreDocument::IsEqualValue(desired, host, schemaNode_);
   }

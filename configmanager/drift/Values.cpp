@@ -12,18 +12,31 @@ namespace {
 // Beyond this nesting SameValue hands over to RapidJSON's comparison.
 constexpr int kSameValueDepth = 256;
 
-// Remembers the names of members seen so far in a 256-bit filter, so that
-// telling whether a name repeats an earlier one costs a comparison only
-// when the filter cannot rule it out.
+// Whether members[i].name equals the name of an earlier member.
+__attribute__((noinline)) bool RepeatsEarlier(const rapidjson::Value::Member* members,
+                                              rapidjson::SizeType i) {
+  for (rapidjson::SizeType j = 0; j < i; ++j)
+    if (SameText(members[j].name, members[i].name)) return true;
+  return false;
+}
+
+// Tells whether a member's name repeats an earlier one, comparing names only
+// when a filter of what was seen cannot rule it out. Small objects filter by
+// name length alone (already at hand); larger ones, whose names often share
+// a length, by a 256-bit signature.
 class NameFilter {
  public:
-  // Whether members[i].name equals the name of an earlier member.
+  explicit NameFilter(rapidjson::SizeType count) : byLength_(count <= kByLength) {}
+
   __attribute__((always_inline)) bool Repeats(const rapidjson::Value::Member* members,
                                               rapidjson::SizeType i) {
     const rapidjson::Value& name = members[i].name;
     const size_t n = name.GetStringLength();
-    const unsigned char* s = reinterpret_cast<const unsigned char*>(name.GetString());
-    const unsigned bit = n == 0 ? 0 : static_cast<unsigned>(n * 37 + s[0] * 5 + s[n - 1] * 11) & 255;
+    unsigned bit = static_cast<unsigned>(n & 63);
+    if (!byLength_ && n > 0) {
+      const unsigned char* s = reinterpret_cast<const unsigned char*>(name.GetString());
+      bit = static_cast<unsigned>(n * 37 + s[0] * 5 + s[n - 1] * 11) & 255;
+    }
     uint64_t& word = seen_[bit >> 6];
     const uint64_t mask = uint64_t(1) << (bit & 63);
     if (word & mask) return RepeatsEarlier(members, i);
@@ -32,13 +45,8 @@ class NameFilter {
   }
 
  private:
-  __attribute__((noinline)) static bool RepeatsEarlier(const rapidjson::Value::Member* members,
-                                                       rapidjson::SizeType i) {
-    for (rapidjson::SizeType j = 0; j < i; ++j)
-      if (SameText(members[j].name, members[i].name)) return true;
-    return false;
-  }
-
+  static constexpr rapidjson::SizeType kByLength = 8;
+  const bool byLength_;
   uint64_t seen_[4] = {0, 0, 0, 0};
 };
 
@@ -47,6 +55,20 @@ class NameFilter {
 template <bool kStrict>
 bool SameValueAt(const rapidjson::Value& a, const rapidjson::Value& b, int depth);
 
+// Leaves compared in place, containers by a call.
+template <bool kStrict>
+__attribute__((always_inline)) inline bool SameChild(const rapidjson::Value& a, const rapidjson::Value& b,
+                                                     int depth) {
+  const rapidjson::Type type = a.GetType();
+  if (type != b.GetType()) return false;
+  if (type == rapidjson::kStringType) return SameText(a, b);
+  if (type == rapidjson::kObjectType || type == rapidjson::kArrayType)
+    return SameValueAt<kStrict>(a, b, depth);
+  // RapidJSON's rule for numbers: doubles by value, integers by
+  // representation; null and booleans by type.
+  return type != rapidjson::kNumberType || a == b;
+}
+
 template <bool kStrict>
 bool SameObject(const rapidjson::Value& a, const rapidjson::Value& b, int depth) {
   const rapidjson::SizeType n = a.MemberCount();
@@ -54,13 +76,13 @@ bool SameObject(const rapidjson::Value& a, const rapidjson::Value& b, int depth)
   if (n == 0) return true;
   const rapidjson::Value::Member* x = &*a.MemberBegin();
   const rapidjson::Value::Member* y = &*b.MemberBegin();
-  NameFilter filter;
+  NameFilter filter(n);
   for (rapidjson::SizeType i = 0; i < n; ++i) {
     // While names pair in place and do not repeat, member i of `b` is the
     // first of its name, the one RapidJSON's search would find; otherwise
     // its search decides.
     if (!SameText(x[i].name, y[i].name) || filter.Repeats(x, i)) return !kStrict && a == b;
-    if (!SameValueAt<kStrict>(x[i].value, y[i].value, depth + 1)) return false;
+    if (!SameChild<kStrict>(x[i].value, y[i].value, depth + 1)) return false;
   }
   return true;
 }
@@ -77,16 +99,11 @@ bool SameValueAt(const rapidjson::Value& a, const rapidjson::Value& b, int depth
       const rapidjson::SizeType n = a.Size();
       if (n != b.Size()) return false;
       for (rapidjson::SizeType i = 0; i < n; ++i)
-        if (!SameValueAt<kStrict>(a[i], b[i], depth + 1)) return false;
+        if (!SameChild<kStrict>(a[i], b[i], depth + 1)) return false;
       return true;
     }
-    case rapidjson::kStringType:
-      return SameText(a, b);
-    case rapidjson::kNumberType:
-      // RapidJSON's rule: doubles by value, integers by representation.
-      return a == b;
     default:
-      return true;
+      return SameChild<kStrict>(a, b, depth);
   }
 }
 
@@ -105,7 +122,7 @@ bool DistinctNames(const rapidjson::Value& object) {
   if (n < 2) return true;
   const rapidjson::Value::Member* members = &*object.MemberBegin();
   if (n <= 128) {
-    NameFilter filter;
+    NameFilter filter(n);
     for (rapidjson::SizeType i = 0; i < n; ++i)
       if (filter.Repeats(members, i)) return false;
     return true;
