@@ -302,7 +302,7 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
           factsLooked = true;
           if (cache) facts = cache->FindGroup(cName, gName);
         }
-        const QenSchemaStore::KeyFacts* key = QenSchemaStore::SchemaCache::FindKey(facts, kName);
+        const QenSchemaStore::KeyFacts* key = cache ? cache->FindKey(facts, kName) : nullptr;
         if (!key) SchemaNotFound(ctx, cName, gName, kName);
 
         const rapidjson::Value* other = lookSecond();
@@ -318,10 +318,10 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
         EnterKey(ctx, cName, gName, kName);
         ConfigStoreObjectId id{std::string(kName), std::string(gName), std::string(cName)};
         if (key->nonSingleton) {
-          compareInstances(ctx, desired, host, id, *key);
+          compareInstances(ctx, desired, host, id, cache->Schema(*key), cache->InstanceIdField(*key));
         } else {
           rapidjson::Value driftDoc(rapidjson::kObjectType);
-          compareSingleton(ctx, desired, host, id, *key->schema, driftDoc);
+          compareSingleton(ctx, desired, host, id, cache->Schema(*key), driftDoc);
         }
       }
       if (!reverse && aligned && secondKeys && kPos == secondKeys->Count())
@@ -364,11 +364,10 @@ void compareSingleton(WalkContext& ctx, const rapidjson::Value& desired, const r
 }
 
 void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
-                      ConfigStoreObjectId& id, const QenSchemaStore::KeyFacts& key) {
+                      ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema,
+                      std::string_view idField) {
   DriftHandler& handler = ctx.handler;
-  const std::shared_ptr<SchemaObject>& schema = *key.schema;
-  const std::string_view idField = key.instanceIdField;
-  const bool generated = key.generatedId;
+  const bool generated = idField == kGeneratedId;
   // The schema object is read only when an instance differs or instances
   // pair by value.
   auto instanceSchema = [&schema]() -> const rapidjson::Value& {

@@ -185,9 +185,11 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
 void compareSingleton(WalkContext& ctx, const rapidjson::Value& desired, const rapidjson::Value& host,
                       const ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema,
                       rapidjson::Value& driftDoc);
-// `key` names the instance identifier field and the schema.
+// `idField` is the schema's instance identifier field (passed so that
+// equal instances need not read the schema object).
 void compareInstances(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,
-                      ConfigStoreObjectId& id, const QenSchemaStore::KeyFacts& key);
+                      ConfigStoreObjectId& id, const std::shared_ptr<SchemaObject>& schema,
+                      std::string_view idField);
 // Whether `desired` and `host` differ under `schemaNode`; reports property
 // events and fills driftDoc (when the handler asks for drift documents).
 bool compareValue(WalkContext& ctx, rapidjson::Value& desired, const rapidjson::Value& host,

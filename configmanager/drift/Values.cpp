@@ -21,22 +21,28 @@ __attribute__((noinline)) bool RepeatsEarlier(const rapidjson::Value::Member* me
 }
 
 // Tells whether a member's name repeats an earlier one, comparing names only
-// when a filter of what was seen cannot rule it out. Small objects filter by
-// name length alone (already at hand); larger ones, whose names often share
-// a length, by a 256-bit signature.
+// when a filter of what was seen cannot rule it out: small objects by length
+// and first byte in 64 bits, larger ones by a 256-bit signature.
 class NameFilter {
  public:
-  explicit NameFilter(rapidjson::SizeType count) : byLength_(count <= kByLength) {}
+  explicit NameFilter(rapidjson::SizeType count) : small_(count <= kSmall) {}
 
   __attribute__((always_inline)) bool Repeats(const rapidjson::Value::Member* members,
                                               rapidjson::SizeType i) {
     const rapidjson::Value& name = members[i].name;
     const size_t n = name.GetStringLength();
-    unsigned bit = static_cast<unsigned>(n & 63);
-    if (!byLength_ && n > 0) {
-      const unsigned char* s = reinterpret_cast<const unsigned char*>(name.GetString());
-      bit = static_cast<unsigned>(n * 37 + s[0] * 5 + s[n - 1] * 11) & 255;
-    }
+    if (n == 0) return Seen(0, members, i);
+    const unsigned char* s = reinterpret_cast<const unsigned char*>(name.GetString());
+    return Seen(small_ ? static_cast<unsigned>(n * 7 + s[0]) & 63
+                       : static_cast<unsigned>(n * 37 + s[0] * 5 + s[n - 1] * 11) & 255,
+                members, i);
+  }
+
+ private:
+  static constexpr rapidjson::SizeType kSmall = 8;
+
+  __attribute__((always_inline)) bool Seen(unsigned bit, const rapidjson::Value::Member* members,
+                                           rapidjson::SizeType i) {
     uint64_t& word = seen_[bit >> 6];
     const uint64_t mask = uint64_t(1) << (bit & 63);
     if (word & mask) return RepeatsEarlier(members, i);
@@ -44,9 +50,7 @@ class NameFilter {
     return false;
   }
 
- private:
-  static constexpr rapidjson::SizeType kByLength = 8;
-  const bool byLength_;
+  const bool small_;
   uint64_t seen_[4] = {0, 0, 0, 0};
 };
 

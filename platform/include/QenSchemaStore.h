@@ -90,19 +90,18 @@ class SchemaObject {
                                            bool& perProperty) const = 0;
 };
 
-// What a walk over many keys needs of one key schema, kept in a contiguous
+// What a walk over many keys needs of one key schema, kept in a compact
 // table beside the schemas so that a lookup reads a few bytes per key instead
-// of the schema object. Views point into the cache; valid while it lives.
+// of the schema object. The rest comes from the cache (SchemaCache::KeyName
+// and the like).
 struct KeyFacts {
-  std::string_view key;
-  // The key's first eight bytes, zero-padded: most probes compare this alone.
+  // The key's first eight bytes, zero-padded, and its length: most probes
+  // compare these alone.
   uint64_t prefix = 0;
-  // Empty for a singleton key.
-  std::string_view instanceIdField;
+  uint32_t keyLength = 0;
   bool nonSingleton = false;
-  // instanceIdField is "cs_generated_id".
+  // The instance identifier field is "cs_generated_id".
   bool generatedId = false;
-  const std::shared_ptr<SchemaObject>* schema = nullptr;
 };
 
 // The keys of one component and group, sorted by key (empty when the pair
@@ -126,12 +125,26 @@ class SchemaCache {
 
   // Two-step lookup for walks that look up many keys of one group: the
   // group once, then each key. Of equal ids the first in sorted order
-  // answers, as GetSchema does.
+  // answers, as GetSchema does. Results stay valid while the cache lives.
   GroupFacts FindGroup(std::string_view component, std::string_view group) const;
-  static const KeyFacts* FindKey(const GroupFacts& group, std::string_view key);
+  const KeyFacts* FindKey(const GroupFacts& group, std::string_view key) const;
+  // More of a key found by FindKey.
+  std::string_view KeyName(const KeyFacts& key) const { return names_[&key - facts_.data()].key; }
+  // Empty for a singleton key.
+  std::string_view InstanceIdField(const KeyFacts& key) const {
+    return names_[&key - facts_.data()].instanceIdField;
+  }
+  const std::shared_ptr<SchemaObject>& Schema(const KeyFacts& key) const {
+    return schemas_[&key - facts_.data()];
+  }
 
  private:
   const KeyFacts* Find(std::string_view component, std::string_view group, std::string_view key) const;
+
+  struct Names {
+    std::string_view key;
+    std::string_view instanceIdField;
+  };
 
   struct Group {
     std::string_view component;
@@ -141,9 +154,10 @@ class SchemaCache {
 
   std::vector<std::shared_ptr<SchemaObject>> schemas_;  // sorted by id
   std::vector<KeyFacts> facts_;                          // parallel to schemas_
+  std::vector<Names> names_;                             // parallel to schemas_
   std::vector<Group> groups_;
-  // Names the views of facts_ and groups_ point to.
-  std::unique_ptr<char[]> names_;
+  // The text the views of names_ and groups_ point to.
+  std::unique_ptr<char[]> text_;
   // Open-addressed hash index over groups_: the upper half of an entry is the
   // upper half of the pair's hash, the lower half its position + 1 (0 =
   // free), so a probe miss reads no names.

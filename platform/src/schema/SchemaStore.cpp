@@ -239,8 +239,6 @@ uint64_t GroupHash(std::string_view component, std::string_view group) {
   return h ^ (h >> 31);
 }
 
-bool KeyLess(const KeyFacts& facts, std::string_view key) { return facts.key < key; }
-
 uint64_t Prefix(std::string_view text) {
   uint64_t prefix = 0;
   if (!text.empty()) std::memcpy(&prefix, text.data(), std::min(text.size(), sizeof prefix));
@@ -262,8 +260,8 @@ SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
     const SchemaObjectId& id = schema->GetId();
     bytes += id.key.size() + schema->GetInstanceIdField().size() + id.component.size() + id.group.size();
   }
-  names_.reset(new char[bytes + 1]);
-  char* next = names_.get();
+  text_.reset(new char[bytes + 1]);
+  char* next = text_.get();
   auto keep = [&next](const std::string& text) {
     std::memcpy(next, text.data(), text.size());
     std::string_view view(next, text.size());
@@ -272,6 +270,7 @@ SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
   };
 
   facts_.reserve(schemas_.size());
+  names_.reserve(schemas_.size());
   for (size_t i = 0; i < schemas_.size(); ++i) {
     const SchemaObject& schema = *schemas_[i];
     const SchemaObjectId& id = schema.GetId();
@@ -279,14 +278,14 @@ SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
       groups_.push_back(Group{keep(id.component), keep(id.group), static_cast<uint32_t>(i),
                               static_cast<uint32_t>(i)});
     ++groups_.back().end;
+    Names names{keep(id.key), keep(schema.GetInstanceIdField())};
     KeyFacts facts;
-    facts.key = keep(id.key);
-    facts.prefix = Prefix(facts.key);
-    facts.instanceIdField = keep(schema.GetInstanceIdField());
+    facts.prefix = Prefix(names.key);
+    facts.keyLength = static_cast<uint32_t>(names.key.size());
     facts.nonSingleton = schema.IsNonSingleton();
-    facts.generatedId = facts.instanceIdField == kGeneratedInstanceId;
-    facts.schema = &schemas_[i];
+    facts.generatedId = names.instanceIdField == kGeneratedInstanceId;
     facts_.push_back(facts);
+    names_.push_back(names);
   }
 
   size_t capacity = 16;
@@ -313,20 +312,21 @@ GroupFacts SchemaCache::FindGroup(std::string_view component, std::string_view g
   return GroupFacts{};
 }
 
-const KeyFacts* SchemaCache::FindKey(const GroupFacts& group, std::string_view key) {
+const KeyFacts* SchemaCache::FindKey(const GroupFacts& group, std::string_view key) const {
+  const uint64_t prefix = Prefix(key);
+  auto sameKey = [&](const KeyFacts& f) {
+    return f.prefix == prefix && f.keyLength == key.size() &&
+           (key.size() <= sizeof prefix || KeyName(f) == key);
+  };
   if (static_cast<size_t>(group.end - group.begin) <= kScanKeys) {
-    const uint64_t prefix = Prefix(key);
-    const size_t n = key.size();
-    for (const KeyFacts* f = group.begin; f != group.end; ++f) {
-      if (f->prefix == prefix && f->key.size() == n &&
-          (n <= sizeof prefix ||
-           std::memcmp(f->key.data() + sizeof prefix, key.data() + sizeof prefix, n - sizeof prefix) == 0))
-        return f;
-    }
+    for (const KeyFacts* f = group.begin; f != group.end; ++f)
+      if (sameKey(*f)) return f;
     return nullptr;
   }
-  const KeyFacts* facts = std::lower_bound(group.begin, group.end, key, KeyLess);
-  return facts != group.end && facts->key == key ? facts : nullptr;
+  const KeyFacts* f = std::lower_bound(group.begin, group.end, key, [this](const KeyFacts& e, std::string_view k) {
+    return KeyName(e) < k;
+  });
+  return f != group.end && sameKey(*f) ? f : nullptr;
 }
 
 const KeyFacts* SchemaCache::Find(std::string_view component, std::string_view group,
@@ -336,14 +336,14 @@ const KeyFacts* SchemaCache::Find(std::string_view component, std::string_view g
 
 std::shared_ptr<SchemaObject> SchemaCache::GetSchema(const SchemaObjectId& id) const {
   const KeyFacts* facts = Find(id.component, id.group, id.key);
-  return facts ? *facts->schema : nullptr;
+  return facts ? Schema(*facts) : nullptr;
 }
 
 std::shared_ptr<SchemaObject> SchemaCache::GetSchema(const std::string& component,
                                                      const std::string& group,
                                                      const std::string& key) const {
   const KeyFacts* facts = Find(component, group, key);
-  return facts ? *facts->schema : nullptr;
+  return facts ? Schema(*facts) : nullptr;
 }
 
 std::shared_ptr<SchemaStore> SchemaStore::Load(const std::string& logicalDir) {
