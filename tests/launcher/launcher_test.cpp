@@ -101,6 +101,22 @@ TEST_P(LauncherTest, RunnerSeesTheRequestAnEmptyEnvironmentAndTheGroupArgument) 
     EXPECT_EQ(seen["data"].MemberCount(), 3u);
     ASSERT_EQ(seen["ordinals"].Size(), 3u);
     EXPECT_EQ(seen["ordinals"][2].GetUint64(), 1u);
+    // Runner and plugin are self-contained: no library of ours, no Boost or
+    // SQLite (the fault plugin does not use the store) and, outside sanitizer
+    // builds, not the shared C++ runtime either; each costs every call.
+    std::vector<std::string> unexpected;
+    for (const auto& library : seen["libraries"].GetArray()) {
+      const std::string name = library.GetString();
+      for (const char* heavy : {"libqen", "libconfigmanager", "libboost", "libsqlite3"
+#ifndef __SANITIZE_ADDRESS__
+                                ,
+                                "libstdc++"
+#endif
+           }) {
+        if (name.find(heavy) != std::string::npos) unexpected.push_back(name);
+      }
+    }
+    EXPECT_EQ(unexpected, std::vector<std::string>{});
   }
   ExpectCleanAfterCall();
 }

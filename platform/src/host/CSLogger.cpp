@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
+#include <filesystem>
 
 #include "HostRoot.h"
 
@@ -86,8 +86,10 @@ void OpenFile(LoggerState& s) {
   WritePending(s);  // into the file they were logged for
   if (s.fd >= 0) close(s.fd);
   s.openPath = path;
-  boost::system::error_code ec;
-  boost::filesystem::create_directories(boost::filesystem::path(path).parent_path(), ec);
+  // std::filesystem, not Boost: C++ plugins carry the logger, and Boost
+  // would make every plugin load it and the shared C++ runtime.
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
   s.fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
 }
 

@@ -1,5 +1,6 @@
 // Test plugin: misbehaves on cue, like plugins-fixtures/python/plugin.py. The
 // request's clusterContext names the behaviour (see ../README.md).
+#include <link.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -28,6 +29,19 @@ void Echo(const QenPlugin::Call& call) {
   for (char** e = environ; e && *e; ++e) env.PushBack(rapidjson::Value(*e, seen.GetAllocator()), seen.GetAllocator());
   seen.AddMember("environ", env, seen.GetAllocator());
   seen.AddMember("pid", static_cast<int>(getpid()), seen.GetAllocator());
+  // The shared objects loaded into the runner with the plugin.
+  rapidjson::Value libraries(rapidjson::kArrayType);
+  std::pair<rapidjson::Value*, rapidjson::Document*> sink(&libraries, &seen);
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, size_t, void* out) {
+        auto& list = *static_cast<std::pair<rapidjson::Value*, rapidjson::Document*>*>(out);
+        if (info->dlpi_name && *info->dlpi_name)
+          list.first->PushBack(rapidjson::Value(info->dlpi_name, list.second->GetAllocator()),
+                               list.second->GetAllocator());
+        return 0;
+      },
+      &sink);
+  seen.AddMember("libraries", libraries, seen.GetAllocator());
   if (call.Request().GetType() == "APPLY" || call.Request().GetType() == "IMPACT") {
     rapidjson::Value ordinals(rapidjson::kArrayType);
     for (const auto& input : call.Request().GetData()) {
