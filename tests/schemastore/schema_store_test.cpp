@@ -137,6 +137,64 @@ TEST_F(SchemaStoreTest, LoadedOncePerRootUntilInvalidated) {
   EXPECT_TRUE(log_.Contains(3, "Loaded 2 key schemas from " + kDir));
 }
 
+// Keys are found by an 8-byte prefix and length (small groups) or by
+// bisection (large ones); names that share a prefix or a length must not
+// be confused, and every lookup must agree with GetSchema.
+TEST_F(SchemaStoreTest, GroupAndKeyLookupAgreesWithGetSchema) {
+  std::vector<std::string> wide;
+  for (int i = 0; i < 40; ++i) wide.push_back("interface_eth" + std::to_string(i));
+  for (const std::string& k : wide) WriteKey("wide/" + k + ".json", "net", "ifaces", k);
+  const std::vector<std::string> narrow = {"a", "ab", "abcdefgh", "abcdefghi", "abcdefgi"};
+  for (const std::string& k : narrow) WriteKey("narrow/" + k + ".json", "net", "misc", k);
+  WriteFile(kDir + "narrow/users.json",
+            R"({"component": "net", "group": "misc", "key": "users", "singleton": false,
+                "instanceId": "cs_generated_id", "schema": {"type": "array",
+                "items": {"type": "object", "properties": {}}}})");
+  auto store = SchemaStore::GetStore();
+  ASSERT_TRUE(store);
+  const SchemaCache& cache = *store->GetSchemaCache();
+
+  auto expectFound = [&](const GroupFacts& group, const std::string& c, const std::string& g,
+                         const std::string& k) {
+    SCOPED_TRACE(k);
+    const KeyFacts* facts = cache.FindKey(group, k);
+    ASSERT_NE(facts, nullptr);
+    EXPECT_EQ(cache.KeyName(*facts), k);
+    EXPECT_EQ(cache.Schema(*facts), store->GetSchema(c, g, k));
+    EXPECT_EQ(cache.Schema(*facts)->GetId(), SchemaObjectId(c, g, k));
+  };
+  const GroupFacts ifaces = cache.FindGroup("net", "ifaces");
+  EXPECT_EQ(ifaces.end - ifaces.begin, 40);
+  for (const std::string& k : wide) expectFound(ifaces, "net", "ifaces", k);
+  const GroupFacts misc = cache.FindGroup("net", "misc");
+  for (const std::string& k : narrow) expectFound(misc, "net", "misc", k);
+  expectFound(misc, "net", "misc", "users");
+
+  for (const char* missing : {"interface_eth40", "interface_eth", "interface_eth4x", "", "a"}) {
+    SCOPED_TRACE(missing);
+    EXPECT_EQ(cache.FindKey(ifaces, missing), nullptr);
+    EXPECT_EQ(store->GetSchema("net", "ifaces", missing), nullptr);
+  }
+  for (const char* missing : {"abcdefg", "abcdefghj", "b", ""}) {
+    SCOPED_TRACE(missing);
+    EXPECT_EQ(cache.FindKey(misc, missing), nullptr);
+  }
+  const GroupFacts none = cache.FindGroup("net", "nothing");
+  EXPECT_EQ(none.begin, none.end);
+  EXPECT_EQ(cache.FindKey(none, "a"), nullptr);
+  EXPECT_EQ(cache.FindGroup("ne", "tmisc").begin, nullptr);
+
+  const KeyFacts* users = cache.FindKey(misc, "users");
+  ASSERT_NE(users, nullptr);
+  EXPECT_TRUE(users->nonSingleton);
+  EXPECT_TRUE(users->generatedId);
+  EXPECT_EQ(cache.InstanceIdField(*users), "cs_generated_id");
+  const KeyFacts* a = cache.FindKey(misc, "a");
+  EXPECT_FALSE(a->nonSingleton);
+  EXPECT_FALSE(a->generatedId);
+  EXPECT_EQ(cache.InstanceIdField(*a), "");
+}
+
 TEST_F(SchemaStoreTest, MissingDirectoryGivesNoStore) {
   EXPECT_EQ(SchemaStore::GetStore(), nullptr);
   EXPECT_EQ(SchemaStore::GetCache(), nullptr);
