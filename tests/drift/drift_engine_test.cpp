@@ -3,6 +3,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include "CSLogger.h"
 #include "ConfigStoreException.h"
 #include "QenConfigStore.h"
 #include "DriftFixture.h"
@@ -180,6 +181,15 @@ TEST_F(DriftEngineTest, KeyWithoutSchemaStopsTheWalkAfterEarlierEvents) {
   EXPECT_TRUE(log_.Contains(0, "Schema not found for c:g:unknown"));
   EXPECT_TRUE(log_.Contains(2, "DriftHandler: consolidated action required - 0"));
   EXPECT_TRUE(log_.Contains(2, "DriftHandler: create drift object - 0"));
+  // The failure line reaches the log file at once, after the progress lines
+  // that the logger held back until then.
+  const std::string file = ReadFile(CSLogger::kLogFile);
+  const size_t consolidated = file.find("<2> DriftHandler: consolidated action required - 0\n");
+  const size_t create = file.find("<2> DriftHandler: create drift object - 0\n");
+  const size_t failure = file.find("<0> Schema not found for c:g:unknown\n");
+  ASSERT_NE(failure, std::string::npos) << file;
+  EXPECT_LT(consolidated, create);
+  EXPECT_LT(create, failure);
 }
 
 TEST_F(DriftEngineTest, UnreachableSchemaStoreFailsBeforeAnyEvent) {
