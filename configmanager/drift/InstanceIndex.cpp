@@ -38,9 +38,10 @@ inline uint64_t Step(uint64_t h) {
   return h ^ (h >> 32);
 }
 
-// Inlined: instance identifiers and member names are short.
-uint64_t HashText(const char* text, size_t length) {
-  uint64_t h = Step(length ^ 0x243f6a8885a308d3ULL);
+// Inlined: instance identifiers and member names are short, and those of
+// up to seven bytes take one step.
+inline uint64_t HashText(const char* text, size_t length) {
+  uint64_t h = (length << 56) ^ 0x243f6a8885a308d3ULL;
   for (; length >= sizeof(uint64_t); length -= sizeof(uint64_t), text += sizeof(uint64_t)) {
     uint64_t word;
     std::memcpy(&word, text, sizeof word);
@@ -51,11 +52,11 @@ uint64_t HashText(const char* text, size_t length) {
   return Step(h ^ tail);
 }
 
-// Values that IsEqualValue finds equal under any schema node hash alike: it
-// ignores member order and "cs_generated_id", pairs repeated member names
-// one to one, and compares arrays in order, as multisets or as sets of
-// instances, all of which keep the set of element hashes.
-uint64_t HashValue(const rapidjson::Value& value, int depth) {
+uint64_t HashValue(const rapidjson::Value& value, int depth);
+
+// Leaves hashed in place, containers by a call. Below kHashDepth levels the
+// content is not hashed.
+__attribute__((always_inline)) inline uint64_t HashChild(const rapidjson::Value& value, int depth) {
   if (depth >= kHashDepth) return 0x5eed;
   switch (value.GetType()) {
     case rapidjson::kNullType:
@@ -74,6 +75,18 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
     }
     case rapidjson::kStringType:
       return HashText(value.GetString(), value.GetStringLength()) ^ 0x55;
+    default:
+      return HashValue(value, depth);
+  }
+}
+
+// Values that IsEqualValue finds equal under any schema node hash alike: it
+// ignores member order and "cs_generated_id", pairs repeated member names
+// one to one, and compares arrays in order, as multisets or as sets of
+// instances, all of which keep the set of element hashes.
+uint64_t HashValue(const rapidjson::Value& value, int depth) {
+  if (depth >= kHashDepth) return 0x5eed;
+  switch (value.GetType()) {
     case rapidjson::kObjectType: {
       // Order-free sum over the members; "cs_generated_id" never counts, and
       // a null member counts as a missing one.
@@ -81,7 +94,7 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
       for (auto m = value.MemberBegin(); m != value.MemberEnd(); ++m) {
         if (m->value.IsNull() || IsGeneratedIdName(m->name)) continue;
         const uint64_t name = HashText(m->name.GetString(), m->name.GetStringLength());
-        sum += Step(name ^ Step(HashValue(m->value, depth + 1) ^ 0x66));
+        sum += Step(name ^ Step(HashChild(m->value, depth + 1) ^ 0x66));
       }
       return Step(sum);
     }
@@ -94,20 +107,21 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
       if (n <= kShort) {
         uint64_t seen[kShort];
         for (rapidjson::SizeType i = 0; i < n; ++i) {
-          const uint64_t e = seen[i] = HashValue(value[i], depth + 1);
+          const uint64_t e = seen[i] = HashChild(value[i], depth + 1);
           if (std::find(seen, seen + i, e) == seen + i) sum += Step(e ^ 0x7777);
         }
         return Step(sum);
       }
       std::vector<uint64_t> elements(n);
-      for (rapidjson::SizeType i = 0; i < n; ++i) elements[i] = HashValue(value[i], depth + 1);
+      for (rapidjson::SizeType i = 0; i < n; ++i) elements[i] = HashChild(value[i], depth + 1);
       std::sort(elements.begin(), elements.end());
       const auto end = std::unique(elements.begin(), elements.end());
       for (auto e = elements.begin(); e != end; ++e) sum += Step(*e ^ 0x7777);
       return Step(sum);
     }
+    default:
+      return HashChild(value, depth);
   }
-  return 0;
 }
 
 class ChainedMatcher : public InstanceMatcher {
@@ -202,8 +216,15 @@ class ChainedMatcher : public InstanceMatcher {
     // place while both are at hand.
     const uint32_t expected = expected_ ? std::min(size_, expected_->Size()) : 0;
     for (uint32_t j = 0; j < size_; ++j) {
-      const uint64_t h = hashes_[j] = HashHost(host_[j]);
+      hashes_[j] = HashHost(host_[j]);
       if (j < expected && IdenticalValue((*expected_)[j], host_[j])) state_[j] |= kIdentical;
+    }
+    // Slots are visited at random: ask for the ones a few steps ahead.
+    constexpr uint32_t kAhead = 8;
+    const size_t mask = capacity - 1;
+    for (uint32_t j = 0; j < size_; ++j) {
+      if (j + kAhead < size_) __builtin_prefetch(&slots_[hashes_[j + kAhead] & mask]);
+      const uint64_t h = hashes_[j];
       Slot* slot = ProbeSlot(h);
       if (slot->head == kFree) {
         slot->tag = static_cast<uint32_t>(h >> 32);
