@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
-#include <unordered_map>
 
 #include "CSLogger.h"
 #include "ConfigStoreDocument.h"
@@ -69,7 +68,7 @@ rapidjson::Value Text(const char* op) { return rapidjson::Value(rapidjson::Strin
 
 // Member lookup by name that stays linear for wide objects: objects with few
 // members are scanned through a compact table of name lengths and prefixes
-// (no call per member), wide ones through a hash index built once. Like
+// (no call per member), wide ones through a NameIndex built once. Like
 // FindMember, the first of duplicate names wins.
 class MemberLookup {
  public:
@@ -80,13 +79,11 @@ class MemberLookup {
         few_[fewCount_++] = Entry{Prefix(it->name), it->name.GetStringLength(), &*it};
       return;
     }
-    index_.reserve(count);
-    for (auto it = object.MemberBegin(); it != object.MemberEnd(); ++it)
-      index_.emplace(std::string_view(it->name.GetString(), it->name.GetStringLength()), &it->value);
+    index_.reset(new NameIndex(object));
   }
   const rapidjson::Value* Find(const rapidjson::Value& name) const {
     const rapidjson::SizeType length = name.GetStringLength();
-    if (index_.empty()) {
+    if (!index_) {
       const uint64_t prefix = Prefix(name);
       for (size_t i = 0; i < fewCount_; ++i) {
         const Entry& e = few_[i];
@@ -98,8 +95,7 @@ class MemberLookup {
       }
       return nullptr;
     }
-    auto it = index_.find(std::string_view(name.GetString(), length));
-    return it == index_.end() ? nullptr : it->second;
+    return index_->Find(name);
   }
 
  private:
@@ -117,7 +113,7 @@ class MemberLookup {
   }
   Entry few_[kIndexThreshold];
   size_t fewCount_ = 0;
-  std::unordered_map<std::string_view, const rapidjson::Value*> index_;
+  std::unique_ptr<NameIndex> index_;
 };
 
 // Finds members of one object by name, trying first the member at the

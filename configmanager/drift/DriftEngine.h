@@ -139,6 +139,41 @@ __attribute__((always_inline)) inline bool SameText(const rapidjson::Value& a,
          SameBytes(a.GetString(), b.GetString(), a.GetStringLength());
 }
 
+// One multiply: steps inside a value hash need not be strong; what picks a
+// slot gets a full mix once.
+inline uint64_t HashStep(uint64_t h) {
+  h *= 0x9e3779b97f4a7c15ULL;
+  return h ^ (h >> 32);
+}
+
+// Hash of a short text (names, identifiers): up to seven bytes take one step.
+inline uint64_t HashBytes(const char* text, size_t length) {
+  uint64_t h = (uint64_t(length) << 56) ^ 0x243f6a8885a308d3ULL;
+  for (; length >= sizeof(uint64_t); length -= sizeof(uint64_t), text += sizeof(uint64_t)) {
+    uint64_t word;
+    std::memcpy(&word, text, sizeof word);
+    h = HashStep(h ^ word);
+  }
+  uint64_t tail = 0;
+  for (size_t i = 0; i < length; ++i) tail |= uint64_t(static_cast<unsigned char>(text[i])) << (8 * i);
+  return HashStep(h ^ tail);
+}
+
+// Open-addressed index of an object's member names, built in one pass; the
+// first of duplicate names is the one found, as with FindMember.
+class NameIndex {
+ public:
+  explicit NameIndex(const rapidjson::Value& object);
+  const rapidjson::Value* Find(const rapidjson::Value& name) const;
+  // Whether no two members share a name.
+  bool Distinct() const { return distinct_; }
+
+ private:
+  const rapidjson::Value::Member* members_ = nullptr;
+  std::vector<uint32_t> slots_;  // member index + 1; 0 = free
+  bool distinct_ = true;
+};
+
 // Exactly RapidJSON's `a == b` (a member of `a` is compared with the first
 // member of `b` of its name), but objects whose members come in the same
 // order compare in one pass instead of a search per member.

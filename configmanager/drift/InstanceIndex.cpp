@@ -31,27 +31,6 @@ uint64_t Mix(uint64_t h) {
   return h;
 }
 
-// One multiply: the steps inside a value hash need not be strong, its
-// result gets one Mix before it picks a slot.
-inline uint64_t Step(uint64_t h) {
-  h *= 0x9e3779b97f4a7c15ULL;
-  return h ^ (h >> 32);
-}
-
-// Inlined: instance identifiers and member names are short, and those of
-// up to seven bytes take one step.
-inline uint64_t HashText(const char* text, size_t length) {
-  uint64_t h = (length << 56) ^ 0x243f6a8885a308d3ULL;
-  for (; length >= sizeof(uint64_t); length -= sizeof(uint64_t), text += sizeof(uint64_t)) {
-    uint64_t word;
-    std::memcpy(&word, text, sizeof word);
-    h = Step(h ^ word);
-  }
-  uint64_t tail = 0;
-  for (size_t i = 0; i < length; ++i) tail |= uint64_t(static_cast<unsigned char>(text[i])) << (8 * i);
-  return Step(h ^ tail);
-}
-
 uint64_t HashValue(const rapidjson::Value& value, int depth);
 
 // Leaves hashed in place, containers by a call. Below kHashDepth levels the
@@ -71,10 +50,10 @@ __attribute__((always_inline)) inline uint64_t HashChild(const rapidjson::Value&
       if (d == 0) d = 0;  // -0.0
       uint64_t bits;
       std::memcpy(&bits, &d, sizeof bits);
-      return Step(bits ^ 0x44);
+      return HashStep(bits ^ 0x44);
     }
     case rapidjson::kStringType:
-      return HashText(value.GetString(), value.GetStringLength()) ^ 0x55;
+      return HashBytes(value.GetString(), value.GetStringLength()) ^ 0x55;
     default:
       return HashValue(value, depth);
   }
@@ -93,10 +72,10 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
       uint64_t sum = 0x66;
       for (auto m = value.MemberBegin(); m != value.MemberEnd(); ++m) {
         if (m->value.IsNull() || IsGeneratedIdName(m->name)) continue;
-        const uint64_t name = HashText(m->name.GetString(), m->name.GetStringLength());
-        sum += Step(name ^ Step(HashChild(m->value, depth + 1) ^ 0x66));
+        const uint64_t name = HashBytes(m->name.GetString(), m->name.GetStringLength());
+        sum += HashStep(name ^ HashStep(HashChild(m->value, depth + 1) ^ 0x66));
       }
-      return Step(sum);
+      return HashStep(sum);
     }
     case rapidjson::kArrayType: {
       // A sum over the set of element hashes: the same for any order and
@@ -108,16 +87,16 @@ uint64_t HashValue(const rapidjson::Value& value, int depth) {
         uint64_t seen[kShort];
         for (rapidjson::SizeType i = 0; i < n; ++i) {
           const uint64_t e = seen[i] = HashChild(value[i], depth + 1);
-          if (std::find(seen, seen + i, e) == seen + i) sum += Step(e ^ 0x7777);
+          if (std::find(seen, seen + i, e) == seen + i) sum += HashStep(e ^ 0x7777);
         }
-        return Step(sum);
+        return HashStep(sum);
       }
       std::vector<uint64_t> elements(n);
       for (rapidjson::SizeType i = 0; i < n; ++i) elements[i] = HashChild(value[i], depth + 1);
       std::sort(elements.begin(), elements.end());
       const auto end = std::unique(elements.begin(), elements.end());
-      for (auto e = elements.begin(); e != end; ++e) sum += Step(*e ^ 0x7777);
-      return Step(sum);
+      for (auto e = elements.begin(); e != end; ++e) sum += HashStep(*e ^ 0x7777);
+      return HashStep(sum);
     }
     default:
       return HashChild(value, depth);
@@ -282,7 +261,7 @@ class IdentifierMatcher : public ChainedMatcher {
  protected:
   uint64_t HashHost(const rapidjson::Value& element) override {
     const rapidjson::Value& id = MemberOf(element, idField_);
-    return Mix(HashText(id.GetString(), id.GetStringLength()));
+    return Mix(HashBytes(id.GetString(), id.GetStringLength()));
   }
   uint64_t HashDesired(const rapidjson::Value& element) override { return HashHost(element); }
   bool Pairs(const rapidjson::Value& desired, const rapidjson::Value& host) override {

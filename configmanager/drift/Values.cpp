@@ -1,8 +1,6 @@
 // Value comparisons of the walk that must agree exactly with RapidJSON's own
 // and cost less on the documents the walk meets: equal values whose members
 // come in the same order.
-#include <unordered_set>
-
 #include "drift/DriftEngine.h"
 
 namespace QenConfigManager {
@@ -131,11 +129,39 @@ bool DistinctNames(const rapidjson::Value& object) {
       if (filter.Repeats(members, i)) return false;
     return true;
   }
-  std::unordered_set<std::string_view> names;
-  names.reserve(n);
-  for (rapidjson::SizeType i = 0; i < n; ++i)
-    if (!names.insert(View(members[i].name)).second) return false;
-  return true;
+  return NameIndex(object).Distinct();
+}
+
+NameIndex::NameIndex(const rapidjson::Value& object) {
+  const rapidjson::SizeType n = object.MemberCount();
+  if (n == 0) return;
+  members_ = &*object.MemberBegin();
+  size_t capacity = 16;
+  while (capacity < 2 * static_cast<size_t>(n)) capacity <<= 1;
+  slots_.assign(capacity, 0);
+  const size_t mask = capacity - 1;
+  for (rapidjson::SizeType i = 0; i < n; ++i) {
+    const rapidjson::Value& name = members_[i].name;
+    size_t s = HashBytes(name.GetString(), name.GetStringLength()) & mask;
+    for (; slots_[s] != 0; s = (s + 1) & mask) {
+      if (SameText(members_[slots_[s] - 1].name, name)) {
+        distinct_ = false;
+        break;
+      }
+    }
+    if (slots_[s] == 0) slots_[s] = i + 1;
+  }
+}
+
+const rapidjson::Value* NameIndex::Find(const rapidjson::Value& name) const {
+  if (slots_.empty()) return nullptr;
+  const size_t mask = slots_.size() - 1;
+  for (size_t s = HashBytes(name.GetString(), name.GetStringLength()) & mask; slots_[s] != 0;
+       s = (s + 1) & mask) {
+    const rapidjson::Value::Member& m = members_[slots_[s] - 1];
+    if (SameText(m.name, name)) return &m.value;
+  }
+  return nullptr;
 }
 
 const rapidjson::Value& MissingMember(const rapidjson::Value& object, std::string_view name) {

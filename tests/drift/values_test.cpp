@@ -140,4 +140,26 @@ TEST(DriftValuesTest, RepeatedOrMovedNamesFollowTheLibrarysMemberSearch) {
   }
 }
 
+// Wide objects (groups of many keys) are indexed by hash; the first of
+// duplicate names must still be the one found.
+TEST(DriftValuesTest, WideObjectsFindTheFirstOfRepeatedNames) {
+  rapidjson::Document doc(rapidjson::kObjectType);
+  auto& a = doc.GetAllocator();
+  for (int i = 0; i < 300; ++i)
+    doc.AddMember(rapidjson::Value("member" + std::to_string(i), a), rapidjson::Value(i), a);
+  EXPECT_TRUE(drift::DistinctNames(doc));
+  EXPECT_TRUE(drift::NameIndex(doc).Distinct());
+  doc.AddMember("member5", rapidjson::Value(1000), a);
+  EXPECT_FALSE(drift::DistinctNames(doc));
+  const drift::NameIndex index(doc);
+  EXPECT_FALSE(index.Distinct());
+  for (int i : {0, 5, 299}) {
+    const rapidjson::Value* found = index.Find(rapidjson::Value("member" + std::to_string(i), a));
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->GetInt(), i);
+  }
+  EXPECT_EQ(index.Find(rapidjson::Value("member300", a)), nullptr);
+  EXPECT_EQ(index.Find(rapidjson::Value("", a)), nullptr);
+}
+
 }  // namespace
