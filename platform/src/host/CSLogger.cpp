@@ -37,8 +37,9 @@ struct LoggerState {
   time_t pendingSince = 0;
   bool hooksInstalled = false;
   pid_t pid = getpid();
+  // "<time> [<pid>] ", the start of every line of one second.
   time_t stampSecond = -1;
-  char stamp[32] = {};
+  std::string stamp;
 };
 
 LoggerState& State() {
@@ -76,6 +77,7 @@ void AfterForkParent() { State().mutex.unlock(); }
 void AfterForkChild() {
   LoggerState& s = State();
   s.pid = getpid();
+  s.stampSecond = -1;
   s.mutex.unlock();
 }
 
@@ -93,12 +95,14 @@ void OpenFile(LoggerState& s) {
   s.fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
 }
 
-const char* Stamp(LoggerState& s) {
-  const time_t now = time(nullptr);
+const std::string& Stamp(LoggerState& s, time_t now) {
   if (now != s.stampSecond) {
     struct tm tmv;
     gmtime_r(&now, &tmv);
-    strftime(s.stamp, sizeof s.stamp, "%Y-%m-%dT%H:%M:%SZ", &tmv);
+    char text[64];
+    const size_t n = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tmv);
+    s.stamp.assign(text, n);
+    s.stamp += " [" + std::to_string(s.pid) + "] ";
     s.stampSecond = now;
   }
   return s.stamp;
@@ -114,9 +118,10 @@ void WriteToFile(LoggerState& s, int priority, const std::string& text) {
   if (s.fd < 0) return;
   const time_t now = time(nullptr);
   if (s.pending.empty()) s.pendingSince = now;
-  char head[64];
-  const int n = snprintf(head, sizeof head, "%s [%d] <%d> ", Stamp(s), static_cast<int>(s.pid), priority);
-  s.pending.append(head, n > 0 ? static_cast<size_t>(n) : 0);
+  s.pending += Stamp(s, now);
+  s.pending.push_back('<');
+  s.pending += std::to_string(priority);
+  s.pending += "> ";
   s.pending += text;
   s.pending.push_back('\n');
   if (priority < kBufferedPriority || s.pending.size() >= kBufferBytes ||
