@@ -250,6 +250,8 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
   // The other side is looked up lazily, once per component and group, and
   // only where `first` has keys: its shape is checked where it is used.
   std::unique_ptr<MemberFinder> secondComponents;
+  // The group looked up last, a hint for the next.
+  QenSchemaStore::GroupFacts lastFacts;
   rapidjson::SizeType cPos = 0;
   for (auto c = first.MemberBegin(); c != first.MemberEnd(); ++c, ++cPos) {
     const std::string_view cName = View(c->name);
@@ -265,6 +267,7 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
       bool groupLooked = false;
       QenSchemaStore::GroupFacts facts;
       bool factsLooked = false;
+      const QenSchemaStore::KeyFacts* lastKey = nullptr;
       // Every key so far has its namesake at its own position.
       bool aligned = true;
       rapidjson::SizeType kPos = 0;
@@ -296,10 +299,11 @@ void walkComponents(WalkContext& ctx, rapidjson::Value& first, const rapidjson::
         const std::string_view kName = View(k->name);
         if (!factsLooked) {
           factsLooked = true;
-          if (cache) facts = cache->FindGroup(cName, gName);
+          if (cache) facts = lastFacts = cache->FindGroup(cName, gName, &lastFacts);
         }
-        const QenSchemaStore::KeyFacts* key = cache ? cache->FindKey(facts, kName) : nullptr;
+        const QenSchemaStore::KeyFacts* key = cache ? cache->FindKey(facts, kName, lastKey) : nullptr;
         if (!key) SchemaNotFound(ctx, cName, gName, kName);
+        lastKey = key;
 
         const rapidjson::Value* other = lookSecond();
         // Keys on both sides were compared by the forward pass.

@@ -109,6 +109,8 @@ struct KeyFacts {
 struct GroupFacts {
   const KeyFacts* begin = nullptr;
   const KeyFacts* end = nullptr;
+  // Position among the cache's groups (meaningless when empty).
+  uint32_t position = 0;
 };
 
 // The loaded key schemas of one host root.
@@ -126,8 +128,13 @@ class SchemaCache {
   // Two-step lookup for walks that look up many keys of one group: the
   // group once, then each key. Of equal ids the first in sorted order
   // answers, as GetSchema does. Results stay valid while the cache lives.
-  GroupFacts FindGroup(std::string_view component, std::string_view group) const;
-  const KeyFacts* FindKey(const GroupFacts& group, std::string_view key) const;
+  // `previous`, when given, is the group or key found last: the one after it
+  // is tried first, which is the next one a walk over a document in the
+  // cache's (sorted) order asks for.
+  GroupFacts FindGroup(std::string_view component, std::string_view group,
+                       const GroupFacts* previous = nullptr) const;
+  const KeyFacts* FindKey(const GroupFacts& group, std::string_view key,
+                          const KeyFacts* previous = nullptr) const;
   // More of a key found by FindKey.
   std::string_view KeyName(const KeyFacts& key) const { return names_[&key - facts_.data()].key; }
   // Empty for a singleton key.

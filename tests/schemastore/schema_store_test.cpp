@@ -184,6 +184,22 @@ TEST_F(SchemaStoreTest, GroupAndKeyLookupAgreesWithGetSchema) {
   EXPECT_EQ(cache.FindKey(none, "a"), nullptr);
   EXPECT_EQ(cache.FindGroup("ne", "tmisc").begin, nullptr);
 
+  // Hints: the entry after the previous one is tried first, and a wrong hint
+  // changes nothing.
+  std::vector<std::string> sorted = wide;
+  std::sort(sorted.begin(), sorted.end());
+  const KeyFacts* previous = nullptr;
+  for (const std::string& k : sorted) {
+    const KeyFacts* facts = cache.FindKey(ifaces, k, previous);
+    ASSERT_EQ(facts, cache.FindKey(ifaces, k));
+    previous = facts;
+  }
+  EXPECT_EQ(cache.FindKey(ifaces, "interface_eth0", ifaces.begin + 5), cache.FindKey(ifaces, "interface_eth0"));
+  EXPECT_EQ(cache.FindKey(ifaces, "interface_eth40", ifaces.begin), nullptr);
+  EXPECT_EQ(cache.FindGroup("net", "misc", &ifaces).begin, misc.begin);
+  EXPECT_EQ(cache.FindGroup("net", "ifaces", &misc).begin, ifaces.begin);
+  EXPECT_EQ(cache.FindGroup("net", "other", &ifaces).begin, nullptr);
+
   const KeyFacts* users = cache.FindKey(misc, "users");
   ASSERT_NE(users, nullptr);
   EXPECT_TRUE(users->nonSingleton);

@@ -300,24 +300,39 @@ SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
   }
 }
 
-GroupFacts SchemaCache::FindGroup(std::string_view component, std::string_view group) const {
+GroupFacts SchemaCache::FindGroup(std::string_view component, std::string_view group,
+                                  const GroupFacts* previous) const {
+  auto facts = [this](size_t i) {
+    const Group& g = groups_[i];
+    return GroupFacts{facts_.data() + g.begin, facts_.data() + g.end, static_cast<uint32_t>(i)};
+  };
+  if (previous && previous->begin != previous->end) {
+    const size_t next = previous->position + size_t(1);
+    if (next < groups_.size() && groups_[next].group == group && groups_[next].component == component)
+      return facts(next);
+  }
   const size_t mask = index_.size() - 1;
   const uint64_t h = GroupHash(component, group);
   for (size_t s = h & mask; index_[s] != 0; s = (s + 1) & mask) {
     if ((index_[s] & kTagMask) != (h & kTagMask)) continue;
-    const Group& g = groups_[(index_[s] & ~kTagMask) - 1];
-    if (g.group == group && g.component == component)
-      return GroupFacts{facts_.data() + g.begin, facts_.data() + g.end};
+    const size_t i = (index_[s] & ~kTagMask) - 1;
+    if (groups_[i].group == group && groups_[i].component == component) return facts(i);
   }
   return GroupFacts{};
 }
 
-const KeyFacts* SchemaCache::FindKey(const GroupFacts& group, std::string_view key) const {
+const KeyFacts* SchemaCache::FindKey(const GroupFacts& group, std::string_view key,
+                                     const KeyFacts* previous) const {
   const uint64_t prefix = Prefix(key);
   auto sameKey = [&](const KeyFacts& f) {
     return f.prefix == prefix && f.keyLength == key.size() &&
            (key.size() <= sizeof prefix || KeyName(f) == key);
   };
+  // Keys are sorted, so the one after a different previous key is the first
+  // of its name.
+  if (previous && previous >= group.begin && previous + 1 < group.end && sameKey(previous[1]) &&
+      !sameKey(*previous))
+    return previous + 1;
   if (static_cast<size_t>(group.end - group.begin) <= kScanKeys) {
     for (const KeyFacts* f = group.begin; f != group.end; ++f)
       if (sameKey(*f)) return f;
