@@ -1,6 +1,8 @@
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <vector>
 
@@ -31,7 +33,7 @@ bool StderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }
 std::string ReadUserFile(const std::string& path) {
   std::string text;
   if (!QenPlatform::ReadWholeFile(path, text))
-    throw std::runtime_error("cannot read file \"" + path + "\"");
+    throw std::runtime_error("cannot read file \"" + path + "\": " + std::strerror(errno));
   return text;
 }
 

@@ -1,0 +1,132 @@
+// The qenconfig command line against a sample host: exit codes, the
+// compliance table and its JSON, and how failures reach the user.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "HostRootTest.h"
+#include "QenJson.h"
+
+namespace {
+
+struct Outcome {
+  int exit = -1;
+  std::string out, err;
+};
+
+class QenConfigTest : public QenTest::HostRootTest {
+ protected:
+  void SetUp() override {
+    HostRootTest::SetUp();
+    InstallSampleHost();
+  }
+
+  // Runs qenconfig --root <this root> args... with stdout and stderr in files.
+  Outcome Run(std::vector<std::string> args) {
+    const std::string out = Root() + "/.stdout", err = Root() + "/.stderr";
+    args.insert(args.begin(), {QEN_BINARY_DIR "/tools/qenconfig", "--root", Root()});
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    char* env[] = {nullptr};
+    pid_t pid;
+    Outcome outcome;
+    int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), env);
+    posix_spawn_file_actions_destroy(&actions);
+    EXPECT_EQ(rc, 0) << "cannot start qenconfig";
+    if (rc != 0) return outcome;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    outcome.exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    outcome.out = Slurp(out);
+    outcome.err = Slurp(err);
+    return outcome;
+  }
+
+  static std::string Slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+  }
+
+  // A user file outside the host root's logical paths.
+  std::string UserFile(const std::string& name, const std::string& text) {
+    const std::string path = Root() + "/" + name;
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+  }
+
+  static constexpr const char* kDocs = QEN_SOURCE_DIR "/host/documents/";
+};
+
+TEST_F(QenConfigTest, ExtractedConfigurationCompliesWithItself) {
+  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  Outcome extract = Run({"extract", "current"});
+  ASSERT_EQ(extract.exit, 0) << extract.err;
+  Outcome check = Run({"compliance", UserFile("current.json", extract.out)});
+  EXPECT_EQ(check.exit, 0) << check.err;
+  EXPECT_EQ(check.out, "Compliant: the host matches the desired document.\n");
+}
+
+TEST_F(QenConfigTest, DriftIsATableOrJsonWithRedactedValuesAndExitThree) {
+  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  const std::string desired = std::string(kDocs) + "desired-compliance.json";
+
+  Outcome table = Run({"compliance", desired, "--property-level"});
+  EXPECT_EQ(table.exit, 3) << table.err;
+  EXPECT_EQ(table.out.rfind("Not compliant: ", 0), 0u) << table.out;
+  EXPECT_NE(table.out.find("\nACTION  PATH"), std::string::npos) << table.out;
+  // The sample's changed password is sensitive: only its redaction shows.
+  EXPECT_NE(table.out.find("SET     /system/users/user/1/password  \"(redacted)\""), std::string::npos)
+      << table.out;
+  EXPECT_EQ(table.out.find("$6$rotated$hash"), std::string::npos);
+
+  Outcome json = Run({"compliance", desired, "--property-level", "--json"});
+  EXPECT_EQ(json.exit, 3);
+  rapidjson::Document result;
+  result.Parse(json.out.c_str());
+  ASSERT_FALSE(result.HasParseError()) << json.out;
+  EXPECT_FALSE(result["compliant"].GetBool());
+  size_t rows = 0;
+  for (const char* array : {"ADDS", "DELETES", "SETS"}) rows += result["details"][array].Size();
+  EXPECT_GT(rows, 0u);
+  // The table announces exactly the rows the JSON holds.
+  EXPECT_NE(table.out.find(std::to_string(result["details"]["ADDS"].Size()) + " to add, " +
+                           std::to_string(result["details"]["DELETES"].Size()) + " to delete, " +
+                           std::to_string(result["details"]["SETS"].Size()) + " to set."),
+            std::string::npos)
+      << table.out;
+  EXPECT_EQ(json.out.find("$6$rotated$hash"), std::string::npos);
+}
+
+TEST_F(QenConfigTest, FailuresAreUsageOrCodedErrors) {
+  Outcome usage = Run({"compliance"});
+  EXPECT_EQ(usage.exit, 2);
+  EXPECT_NE(usage.err.find("FILE is required"), std::string::npos) << usage.err;
+
+  Outcome missing = Run({"compliance", Root() + "/absent.json"});
+  EXPECT_EQ(missing.exit, 1);
+  EXPECT_EQ(missing.err, "error: cannot read file \"" + Root() + "/absent.json\": No such file or directory\n");
+  EXPECT_TRUE(missing.out.empty());
+
+  Outcome garbage = Run({"compliance", UserFile("bad.json", "{\"profile\": ")});
+  EXPECT_EQ(garbage.exit, 1);
+  EXPECT_EQ(garbage.err, "error 2080: Failed to parse JSON String\n");
+}
+
+}  // namespace
