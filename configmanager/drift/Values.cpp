@@ -19,28 +19,20 @@ __attribute__((noinline)) bool RepeatsEarlier(const rapidjson::Value::Member* me
 }
 
 // Tells whether a member's name repeats an earlier one, comparing names only
-// when a filter of what was seen cannot rule it out: small objects by length
-// and first byte in 64 bits, larger ones by a 256-bit signature.
+// when a 256-bit filter of what was seen (length, first and last two bytes)
+// cannot rule it out.
 class NameFilter {
  public:
-  explicit NameFilter(rapidjson::SizeType count) : small_(count <= kSmall) {}
-
   __attribute__((always_inline)) bool Repeats(const rapidjson::Value::Member* members,
                                               rapidjson::SizeType i) {
     const rapidjson::Value& name = members[i].name;
-    const size_t n = name.GetStringLength();
-    if (n == 0) return Seen(0, members, i);
-    const unsigned char* s = reinterpret_cast<const unsigned char*>(name.GetString());
-    return Seen(small_ ? static_cast<unsigned>(n * 7 + s[0]) & 63
-                       : static_cast<unsigned>(n * 37 + s[0] * 5 + s[n - 1] * 11) & 255,
-                members, i);
-  }
-
- private:
-  static constexpr rapidjson::SizeType kSmall = 8;
-
-  __attribute__((always_inline)) bool Seen(unsigned bit, const rapidjson::Value::Member* members,
-                                           rapidjson::SizeType i) {
+    const uint32_t n = name.GetStringLength();
+    uint32_t key = n << 24;
+    if (n > 0) {
+      const unsigned char* s = reinterpret_cast<const unsigned char*>(name.GetString());
+      key |= uint32_t(s[0]) << 16 | uint32_t(s[n - 1]) << 8 | s[n > 1 ? n - 2 : 0];
+    }
+    const unsigned bit = (key * 0x9e3779b1u) >> 24;
     uint64_t& word = seen_[bit >> 6];
     const uint64_t mask = uint64_t(1) << (bit & 63);
     if (word & mask) return RepeatsEarlier(members, i);
@@ -48,7 +40,7 @@ class NameFilter {
     return false;
   }
 
-  const bool small_;
+ private:
   uint64_t seen_[4] = {0, 0, 0, 0};
 };
 
@@ -56,6 +48,19 @@ class NameFilter {
 // values different instead of handing over to RapidJSON.
 template <bool kStrict>
 bool SameValueAt(const rapidjson::Value& a, const rapidjson::Value& b, int depth);
+
+// RapidJSON's rule for numbers, inlined: doubles by value, integers by their
+// 64-bit representation.
+__attribute__((always_inline)) inline bool SameNumber(const rapidjson::Value& a, const rapidjson::Value& b) {
+  if (a.IsDouble() || b.IsDouble()) {
+    const double x = a.GetDouble(), y = b.GetDouble();
+    return x >= y && x <= y;
+  }
+  auto bits = [](const rapidjson::Value& v) {
+    return v.IsInt64() ? static_cast<uint64_t>(v.GetInt64()) : v.GetUint64();
+  };
+  return bits(a) == bits(b);
+}
 
 // Leaves compared in place, containers by a call.
 template <bool kStrict>
@@ -66,9 +71,8 @@ __attribute__((always_inline)) inline bool SameChild(const rapidjson::Value& a, 
   if (type == rapidjson::kStringType) return SameText(a, b);
   if (type == rapidjson::kObjectType || type == rapidjson::kArrayType)
     return SameValueAt<kStrict>(a, b, depth);
-  // RapidJSON's rule for numbers: doubles by value, integers by
-  // representation; null and booleans by type.
-  return type != rapidjson::kNumberType || a == b;
+  // Null and booleans are equal by type.
+  return type != rapidjson::kNumberType || SameNumber(a, b);
 }
 
 template <bool kStrict>
@@ -78,7 +82,7 @@ bool SameObject(const rapidjson::Value& a, const rapidjson::Value& b, int depth)
   if (n == 0) return true;
   const rapidjson::Value::Member* x = &*a.MemberBegin();
   const rapidjson::Value::Member* y = &*b.MemberBegin();
-  NameFilter filter(n);
+  NameFilter filter;
   for (rapidjson::SizeType i = 0; i < n; ++i) {
     // While names pair in place and do not repeat, member i of `b` is the
     // first of its name, the one RapidJSON's search would find; otherwise
@@ -124,7 +128,7 @@ bool DistinctNames(const rapidjson::Value& object) {
   if (n < 2) return true;
   const rapidjson::Value::Member* members = &*object.MemberBegin();
   if (n <= 128) {
-    NameFilter filter(n);
+    NameFilter filter;
     for (rapidjson::SizeType i = 0; i < n; ++i)
       if (filter.Repeats(members, i)) return false;
     return true;

@@ -128,6 +128,10 @@ TEST(DriftValuesTest, RepeatedOrMovedNamesFollowTheLibrarysMemberSearch) {
       {R"({"a": 1, "b": 2})", R"({"b": 2, "c": 1})", false, false},
       {R"({"v": 1})", R"({"v": 1.0})", true, true},
       {R"({"v": -0.0})", R"({"v": 0})", true, true},
+      // Integers compare by their 64-bit representation, doubles by value.
+      {"[-1]", "[18446744073709551615]", true, true},
+      {"[-1.0]", "[18446744073709551615]", false, false},
+      {"[9007199254740993]", "[9007199254740992.0]", true, true},
       {R"(["abcdefghijklmnopq"])", R"(["abcdefghijklmnopQ"])", false, false},
       {R"(["abcdefghijklmnopq"])", R"(["abcdefghijklmnopq"])", true, true},
   };
