@@ -218,7 +218,7 @@ bool IsEmptyValue(const rapidjson::Value& value) {
 
 namespace {
 
-// The key path and object id of one key, built only for keys that report.
+// "/<component>/<group>/<key>", built only for keys that report.
 void EnterKey(WalkContext& ctx, std::string_view c, std::string_view g, std::string_view k) {
   ctx.path.clear();
   for (std::string_view part : {c, g, k}) {
