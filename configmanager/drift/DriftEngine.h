@@ -146,17 +146,29 @@ inline uint64_t HashStep(uint64_t h) {
   return h ^ (h >> 32);
 }
 
-// Hash of a short text (names, identifiers): up to seven bytes take one step.
+// Hash of a text (names, identifiers): one step for up to eight bytes, the
+// tail read by overlapping loads.
 inline uint64_t HashBytes(const char* text, size_t length) {
   uint64_t h = (uint64_t(length) << 56) ^ 0x243f6a8885a308d3ULL;
-  for (; length >= sizeof(uint64_t); length -= sizeof(uint64_t), text += sizeof(uint64_t)) {
-    uint64_t word;
-    std::memcpy(&word, text, sizeof word);
-    h = HashStep(h ^ word);
+  uint64_t word = 0;
+  uint32_t half = 0;
+  if (length >= sizeof word) {
+    const char* last = text + length - sizeof word;
+    for (; text < last; text += sizeof word) {
+      std::memcpy(&word, text, sizeof word);
+      h = HashStep(h ^ word);
+    }
+    std::memcpy(&word, last, sizeof word);
+    return HashStep(h ^ word);
   }
-  uint64_t tail = 0;
-  for (size_t i = 0; i < length; ++i) tail |= uint64_t(static_cast<unsigned char>(text[i])) << (8 * i);
-  return HashStep(h ^ tail);
+  if (length >= sizeof half) {
+    std::memcpy(&half, text, sizeof half);
+    word = half;
+    std::memcpy(&half, text + length - sizeof half, sizeof half);
+    return HashStep(h ^ word ^ uint64_t(half) << 32);
+  }
+  for (size_t i = 0; i < length; ++i) word |= uint64_t(static_cast<unsigned char>(text[i])) << (8 * i);
+  return HashStep(h ^ word);
 }
 
 // Open-addressed index of an object's member names, built in one pass; the
