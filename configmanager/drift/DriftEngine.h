@@ -186,14 +186,15 @@ class NameIndex {
   bool distinct_ = true;
 };
 
-// Exactly RapidJSON's `a == b` (a member of `a` is compared with the first
-// member of `b` of its name), but objects whose members come in the same
-// order compare in one pass instead of a search per member.
+// JSON equality: RapidJSON's `a == b` (a member of `a` is compared with the
+// first member of `b` of its name), except that integers compare by exact
+// value (QenPlatform::JsonNumbersEqual); objects whose members come in the
+// same order compare in one pass instead of a search per member.
 bool SameValue(const rapidjson::Value& a, const rapidjson::Value& b);
 
 // Values equal member for member in the same order, with distinct member
-// names in every object: such values are equal under RapidJSON's == and
-// under ConfigStoreDocument::IsEqualValue with any schema node.
+// names in every object: such values are equal under SameValue and under
+// ConfigStoreDocument::IsEqualValue with any schema node.
 bool IdenticalValue(const rapidjson::Value& a, const rapidjson::Value& b);
 
 // Whether no two members of `object` share a name.

@@ -1,13 +1,14 @@
-// Value comparisons of the walk that must agree exactly with RapidJSON's own
-// and cost less on the documents the walk meets: equal values whose members
-// come in the same order.
+// Value comparisons of the walk: JSON equality (RapidJSON's member search,
+// with integers compared by exact value, QenPlatform::JsonNumbersEqual),
+// cheaper on the documents the walk meets: equal values whose members come
+// in the same order.
 #include "drift/DriftEngine.h"
 
 namespace QenConfigManager {
 namespace drift {
 namespace {
 
-// Beyond this nesting SameValue hands over to RapidJSON's comparison.
+// Beyond this nesting SameValue hands over to the plain comparison.
 constexpr int kSameValueDepth = 256;
 
 // Whether members[i].name equals the name of an earlier member.
@@ -45,21 +46,37 @@ class NameFilter {
 };
 
 // kStrict: names out of place or repeated, or nesting beyond the limit, make
-// values different instead of handing over to RapidJSON.
+// values different instead of handing over to the plain comparison.
 template <bool kStrict>
 bool SameValueAt(const rapidjson::Value& a, const rapidjson::Value& b, int depth);
 
-// RapidJSON's rule for numbers, inlined: doubles by value, integers by their
-// 64-bit representation.
-__attribute__((always_inline)) inline bool SameNumber(const rapidjson::Value& a, const rapidjson::Value& b) {
-  if (a.IsDouble() || b.IsDouble()) {
-    const double x = a.GetDouble(), y = b.GetDouble();
-    return x >= y && x <= y;
+// The plain comparison: every member of `a` against the first member of its
+// name in `b`, as RapidJSON's == searches; numbers by exact value.
+bool JsonEqual(const rapidjson::Value& a, const rapidjson::Value& b) {
+  const rapidjson::Type type = a.GetType();
+  if (type != b.GetType()) return false;
+  switch (type) {
+    case rapidjson::kObjectType: {
+      if (a.MemberCount() != b.MemberCount()) return false;
+      for (const auto& m : a.GetObject()) {
+        auto it = b.FindMember(m.name);
+        if (it == b.MemberEnd() || !JsonEqual(m.value, it->value)) return false;
+      }
+      return true;
+    }
+    case rapidjson::kArrayType: {
+      if (a.Size() != b.Size()) return false;
+      for (rapidjson::SizeType i = 0; i < a.Size(); ++i)
+        if (!JsonEqual(a[i], b[i])) return false;
+      return true;
+    }
+    case rapidjson::kStringType:
+      return SameText(a, b);
+    case rapidjson::kNumberType:
+      return QenPlatform::JsonNumbersEqual(a, b);
+    default:
+      return true;  // null, false, true
   }
-  auto bits = [](const rapidjson::Value& v) {
-    return v.IsInt64() ? static_cast<uint64_t>(v.GetInt64()) : v.GetUint64();
-  };
-  return bits(a) == bits(b);
 }
 
 // Leaves compared in place, containers by a call.
@@ -72,7 +89,7 @@ __attribute__((always_inline)) inline bool SameChild(const rapidjson::Value& a, 
   if (type == rapidjson::kObjectType || type == rapidjson::kArrayType)
     return SameValueAt<kStrict>(a, b, depth);
   // Null and booleans are equal by type.
-  return type != rapidjson::kNumberType || SameNumber(a, b);
+  return type != rapidjson::kNumberType || QenPlatform::JsonNumbersEqual(a, b);
 }
 
 template <bool kStrict>
@@ -85,9 +102,9 @@ bool SameObject(const rapidjson::Value& a, const rapidjson::Value& b, int depth)
   NameFilter filter;
   for (rapidjson::SizeType i = 0; i < n; ++i) {
     // While names pair in place and do not repeat, member i of `b` is the
-    // first of its name, the one RapidJSON's search would find; otherwise
-    // its search decides.
-    if (!SameText(x[i].name, y[i].name) || filter.Repeats(x, i)) return !kStrict && a == b;
+    // first of its name, the one the member search would find; otherwise
+    // the search decides.
+    if (!SameText(x[i].name, y[i].name) || filter.Repeats(x, i)) return !kStrict && JsonEqual(a, b);
     if (!SameChild<kStrict>(x[i].value, y[i].value, depth + 1)) return false;
   }
   return true;
@@ -95,7 +112,7 @@ bool SameObject(const rapidjson::Value& a, const rapidjson::Value& b, int depth)
 
 template <bool kStrict>
 bool SameValueAt(const rapidjson::Value& a, const rapidjson::Value& b, int depth) {
-  if (depth > kSameValueDepth) return !kStrict && a == b;
+  if (depth > kSameValueDepth) return !kStrict && JsonEqual(a, b);
   const rapidjson::Type type = a.GetType();
   if (type != b.GetType()) return false;
   switch (type) {

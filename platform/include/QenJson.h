@@ -34,4 +34,25 @@ namespace QenPlatform {
 namespace QenPlatform {
 // Error code of a failed RapidJSON structural check.
 constexpr int kJsonErrorCode = 1082;
+
+// Two JSON numbers are equal as doubles when either is a floating-point
+// value, otherwise by their exact integer value. Use this, not RapidJSON's
+// ==, which compares integers by their 64-bit pattern (-1 would equal
+// 18446744073709551615).
+inline bool JsonNumbersEqual(const rapidjson::Value& a, const rapidjson::Value& b) {
+  if (a.IsDouble() || b.IsDouble()) {
+    const double x = a.GetDouble(), y = b.GetDouble();
+    return x >= y && x <= y;
+  }
+  if (a.IsInt64() && b.IsInt64()) return a.GetInt64() == b.GetInt64();
+  return a.IsUint64() && b.IsUint64() && a.GetUint64() == b.GetUint64();
+}
+
+// Equality of two scalars (null, booleans, numbers, strings) by the same rule.
+inline bool JsonScalarsEqual(const rapidjson::Value& a, const rapidjson::Value& b) {
+  if (a.GetType() != b.GetType()) return false;
+  if (a.IsNumber()) return JsonNumbersEqual(a, b);
+  if (a.IsString()) return a == b;
+  return true;  // null, false, true: equal by type
+}
 }

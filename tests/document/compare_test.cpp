@@ -61,6 +61,11 @@ TEST(IsEqualValue, NumbersFollowJsonEquality) {
   EXPECT_FALSE(Equal(R"({"a": 1})", R"({"a": "1"})", "{}"));
   EXPECT_FALSE(Equal(R"({"a": 1})", R"({"a": 1, "b": null})", "{}"));
   EXPECT_FALSE(Equal("null", "{}", "{}"));
+  // Integers by exact value, though these two share a 64-bit pattern; also
+  // where arrays compare as multisets.
+  EXPECT_FALSE(Equal(R"({"a": -1})", R"({"a": 18446744073709551615})", "{}"));
+  EXPECT_FALSE(Equal("[-1, 2]", "[2, 18446744073709551615]", R"({"type": "array", "items": {"type": "integer"}})"));
+  EXPECT_TRUE(Equal("[-1, 2]", "[2, -1]", R"({"type": "array", "items": {"type": "integer"}})"));
 }
 
 TEST(IsEqualValue, WithoutSchemaArraysKeepTheirOrder) {

@@ -81,6 +81,11 @@ TEST_F(DriftEngineTest, PropertiesAreSetThenAddedThenDeletedInMemberOrder) {
   EXPECT_THAT(Drift(R"({"c": {"g": {"single": {"sub": {"x": "1"}, "cs_generated_id": "a"}}}})",
                     R"({"c": {"g": {"single": {"sub": {"x": null}, "cs_generated_id": "b"}}}})"),
               ElementsAre("PROP ADD /c/g/single/sub/x \"1\" null"));
+
+  // Integers compare by exact value: these two share a 64-bit pattern.
+  EXPECT_THAT(Drift(R"({"c": {"g": {"single": {"b": -1}}}})",
+                    R"({"c": {"g": {"single": {"b": 18446744073709551615}}}})"),
+              ElementsAre("PROP SET /c/g/single/b -1 18446744073709551615"));
 }
 
 TEST_F(DriftEngineTest, NaturalIdentifiersPairAndMissingInstancesConsultDefaultUserConfig) {

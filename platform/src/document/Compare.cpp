@@ -237,7 +237,7 @@ bool ScalarMultisetEqual(const Value& a, const Value& b) {
     for (size_t p = i; p < end; ++p) {
       bool found = false;
       for (size_t q = i; q < end && !found; ++q) {
-        if (!used[q - i] && *xs[p] == *ys[q]) {
+        if (!used[q - i] && QenPlatform::JsonScalarsEqual(*xs[p], *ys[q])) {
           used.Set(q - i);
           found = true;
         }
@@ -280,7 +280,7 @@ bool ObjectsEqual(const Value& a, const Value& b, const Value* node, int depth) 
 bool Equal(const Value& a, const Value& b, const Value* node, int depth) {
   CheckDepth(depth);
   if (a.IsObject()) return b.IsObject() && ObjectsEqual(a, b, node, depth);
-  if (!a.IsArray()) return IsScalar(b) && a == b;
+  if (!a.IsArray()) return IsScalar(b) && QenPlatform::JsonScalarsEqual(a, b);
   if (!b.IsArray() || a.Size() != b.Size()) return false;
   const Value* items = ItemsNode(node);
   if (!items) {
@@ -324,7 +324,7 @@ bool Identical(const Value& a, const Value& b, int depth) {
       }
       return true;
     }
-    case rapidjson::kNumberType: return !a.IsDouble() && !b.IsDouble() && a == b;
+    case rapidjson::kNumberType: return !a.IsDouble() && !b.IsDouble() && QenPlatform::JsonNumbersEqual(a, b);
     case rapidjson::kStringType: return a == b;
     default: return true;  // null, false, true
   }
