@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <unordered_set>
 
 #include <boost/filesystem.hpp>
@@ -47,30 +46,15 @@ void CreateDocumentFromFile(const char* path, rapidjson::Document& doc) {
 
 void CreateFileFromDocument(const char* path, const rapidjson::Document& doc) {
   if (!path) return;
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  doc.Accept(writer);
+  const std::string text = QenPlatform::CompactJson(doc);
   // Documents carry configuration values: new files are for the owner only.
   int fd = open(QenPlatform::HostPath(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return;
-  const char* data = buffer.GetString();
-  size_t left = buffer.GetSize();
-  while (left > 0) {
-    ssize_t n = write(fd, data, left);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    data += n;
-    left -= static_cast<size_t>(n);
-  }
+  QenPlatform::WriteAll(fd, text.data(), text.size());
   close(fd);
 }
 
-void SerializeValue(const rapidjson::Value& value, std::string& out) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  value.Accept(writer);
-  out.assign(buffer.GetString(), buffer.GetSize());
-}
+void SerializeValue(const rapidjson::Value& value, std::string& out) { out = QenPlatform::CompactJson(value); }
 
 void AddMember(rapidjson::Document* doc, rapidjson::Value* object, const std::string& name,
                rapidjson::Value* value) {

@@ -1,16 +1,10 @@
 // Reading a JSON file: apart from the manifest code so that the plugin SDK,
 // which reads its request with it, does not carry the manifest checks.
 #include "HostFiles.h"
-#include "configmanager/common.h"
+#include "common/parse.h"
 #include "plugin/paths.h"
 
 bool QenConfigManager::ReadJsonFile(const std::string& path, rapidjson::Document& doc, bool& opened) {
   std::string text;
-  if (!QenPlatform::ReadWholeFile(path, text, &opened)) return false;
-  try {
-    ParseDocument(text, doc);
-  } catch (const QenConfigStore::ConfigStoreException&) {
-    return false;
-  }
-  return true;
+  return QenPlatform::ReadWholeFile(path, text, &opened) && ParseJsonText(text, doc);
 }

@@ -3,10 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <stdexcept>
 #include <unordered_map>
 
+#include "HostFiles.h"
 #include "HostRoot.h"
 #include "configmanager/plugin.h"
 #include "plugin/paths.h"
@@ -150,9 +150,7 @@ void PluginRequest::Dump(const std::string& path, const std::string& taskId,
                          const std::string& context) {
   PopulateTaskId(taskId);
   PopulateClusterContext(context);
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  document.Accept(writer);
+  const std::string text = QenPlatform::CompactJson(document);
   // The request carries configuration values: owner-only, also when the file
   // already existed with a wider mode. An unwritable file is not reported
   // here; the runner then fails on its input.
@@ -160,17 +158,7 @@ void PluginRequest::Dump(const std::string& path, const std::string& taskId,
   int fd = ::open(physical.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return;
   (void)::fchmod(fd, 0600);
-  const char* p = buffer.GetString();
-  size_t left = buffer.GetSize();
-  while (left > 0) {
-    ssize_t n = ::write(fd, p, left);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    p += n;
-    left -= static_cast<size_t>(n);
-  }
+  QenPlatform::WriteAll(fd, text.data(), text.size());
   ::close(fd);
 }
 

@@ -18,4 +18,8 @@ bool ReadHostJson(const std::string& logical, rapidjson::Document& doc, std::str
 // setting up the stream library would cost more than the read.
 bool ReadWholeFile(const std::string& path, std::string& out, bool* opened = nullptr);
 
+// Writes all `size` bytes to `fd`, retrying interrupted and partial writes;
+// false (errno set) when the descriptor takes no more.
+bool WriteAll(int fd, const char* data, size_t size);
+
 }  // namespace QenPlatform

@@ -48,6 +48,14 @@ inline bool JsonNumbersEqual(const rapidjson::Value& a, const rapidjson::Value& 
   return a.IsUint64() && b.IsUint64() && a.GetUint64() == b.GetUint64();
 }
 
+// The value as compact JSON text (no white space).
+inline std::string CompactJson(const rapidjson::Value& value) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  value.Accept(writer);
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
 // Equality of two scalars (null, booleans, numbers, strings) by the same rule.
 inline bool JsonScalarsEqual(const rapidjson::Value& a, const rapidjson::Value& b) {
   if (a.GetType() != b.GetType()) return false;

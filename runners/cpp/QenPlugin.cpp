@@ -25,17 +25,11 @@ void Call::WriteHostFile(const std::string& logical, const std::string& text, in
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
   int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) throw std::runtime_error("cannot write " + logical + ": " + std::strerror(errno));
-  size_t written = 0;
-  while (written < text.size()) {
-    ssize_t n = write(fd, text.data() + written, text.size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      int err = errno;
-      close(fd);
-      unlink(temporary.c_str());
-      throw std::runtime_error("cannot write " + logical + ": " + std::strerror(err));
-    }
-    written += static_cast<size_t>(n);
+  if (!QenPlatform::WriteAll(fd, text.data(), text.size())) {
+    int err = errno;
+    close(fd);
+    unlink(temporary.c_str());
+    throw std::runtime_error("cannot write " + logical + ": " + std::strerror(err));
   }
   // The mode argument is filtered by the umask; the file's mode is the plugin's decision.
   fchmod(fd, static_cast<mode_t>(mode));

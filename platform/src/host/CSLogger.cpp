@@ -1,6 +1,5 @@
 #include "CSLogger.h"
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +13,7 @@
 
 #include <filesystem>
 
+#include "HostFiles.h"
 #include "HostRoot.h"
 
 namespace CSLogger {
@@ -49,20 +49,8 @@ LoggerState& State() {
 
 // Writes the buffered lines; the caller holds the mutex.
 void WritePending(LoggerState& s) {
-  size_t done = 0;
-  while (s.fd >= 0 && done < s.pending.size()) {
-    const ssize_t n = write(s.fd, s.pending.data() + done, s.pending.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
-  }
+  if (s.fd >= 0) QenPlatform::WriteAll(s.fd, s.pending.data(), s.pending.size());
   s.pending.clear();
-}
-
-void FlushLocked() {
-  LoggerState& s = State();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  WritePending(s);
 }
 
 // A fork copies the buffer, so it is written first; the child gets its own
@@ -112,7 +100,7 @@ void WriteToFile(LoggerState& s, int priority, const std::string& text) {
   if (!s.hooksInstalled) {
     s.hooksInstalled = true;
     pthread_atfork(BeforeFork, AfterForkParent, AfterForkChild);
-    std::atexit(FlushLocked);
+    std::atexit(Flush);
   }
   OpenFile(s);
   if (s.fd < 0) return;
@@ -161,7 +149,11 @@ void Log(int priority, const char* format, ...) {
   if (priority <= s.stderrLevel) fprintf(stderr, "<%d> %s\n", priority, text.c_str());
 }
 
-void Flush() { FlushLocked(); }
+void Flush() {
+  LoggerState& s = State();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  WritePending(s);
+}
 
 void SetStderrVerbosity(int level) {
   LoggerState& s = State();

@@ -38,6 +38,17 @@ bool ReadWholeFile(const std::string& path, std::string& out, bool* opened) {
   return true;
 }
 
+bool WriteAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
 bool ReadHostJson(const std::string& logical, rapidjson::Document& doc, std::string* error) {
   std::string text;
   if (!ReadWholeFile(HostPath(logical), text)) {

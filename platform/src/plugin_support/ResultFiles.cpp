@@ -32,14 +32,7 @@ void ReadResultFile(const std::string& path, rapidjson::Document& doc) {
 
 void WritePrivateFile(const std::string& path, const std::string& text) {
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  bool ok = fd >= 0 && ::fchmod(fd, 0600) == 0;
-  size_t done = 0;
-  while (ok && done < text.size()) {
-    ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) done += static_cast<size_t>(n);
-  }
+  bool ok = fd >= 0 && ::fchmod(fd, 0600) == 0 && WriteAll(fd, text.data(), text.size());
   int saved = errno;
   if (fd >= 0 && ::close(fd) != 0 && ok) {
     ok = false;
@@ -49,13 +42,6 @@ void WritePrivateFile(const std::string& path, const std::string& text) {
     throw QenConfigStore::ConfigStoreException(
         2002, ("cannot write plugin result file \"" + LogicalPath(path) + "\": " +
                std::strerror(saved)).c_str());
-}
-
-std::string CompactJson(const rapidjson::Value& value) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  value.Accept(writer);
-  return std::string(buffer.GetString(), buffer.GetSize());
 }
 
 std::string StringMember(const rapidjson::Value& value, const char* name, bool required,

@@ -20,8 +20,6 @@ void ReadResultFile(const std::string& path, rapidjson::Document& doc);
 // truncated and its mode reset). Throws ConfigStoreException 2002.
 void WritePrivateFile(const std::string& path, const std::string& text);
 
-std::string CompactJson(const rapidjson::Value& value);
-
 // Throws ConfigStoreException 2003 "<context>: <what>".
 [[noreturn]] void BadShape(const std::string& context, const std::string& what);
 

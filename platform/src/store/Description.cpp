@@ -80,7 +80,7 @@ void LoadScope(Impl& impl, const rapidjson::Value& scopeDesc, const char* scope,
         if (!grp.value.IsObject()) Fail(STORE_BAD_VALUE, "Store description: \"" + where + "autoconf\" must hold components of groups of keys");
         for (auto& key : grp.value.GetObject()) {
           std::string c = comp.name.GetString(), g = grp.name.GetString(), k = key.name.GetString();
-          std::string text = Serialize(key.value);
+          std::string text = QenPlatform::CompactJson(key.value);
           bool found = false;
           for (auto it = rows.lower_bound(RowKey(c, g, k, "")); it != rows.end() &&
                std::get<0>(it->first) == c && std::get<1>(it->first) == g && std::get<2>(it->first) == k; ++it) {

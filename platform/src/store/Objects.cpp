@@ -9,15 +9,8 @@
 
 namespace QenConfigStore {
 
-std::string detail::Serialize(const rapidjson::Value& value) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  value.Accept(writer);
-  return std::string(buffer.GetString(), buffer.GetSize());
-}
-
 using detail::Fail;
-using detail::Serialize;
+using QenPlatform::CompactJson;
 
 std::string ConfigStoreObjectId::toString() const {
   std::string text = "comp " + component_ + " grp " + group_ + " key " + key_;
@@ -56,7 +49,7 @@ bool StoreObject::GetValue(const std::string& name, std::string& out) const {
   auto it = value.FindMember(name);
   if (it == value.MemberEnd()) return false;
   out = it->value.IsString() ? std::string(it->value.GetString(), it->value.GetStringLength())
-                             : Serialize(it->value);
+                             : CompactJson(it->value);
   return true;
 }
 
@@ -72,7 +65,7 @@ void StoreObject::SetValue(const std::string& name, const std::string& text) {
   }
 }
 
-std::string ConfigStoreObjectImpl::GetSerializedData() const { return Serialize(GetJson()); }
+std::string ConfigStoreObjectImpl::GetSerializedData() const { return CompactJson(GetJson()); }
 
 DriftObject::DriftObject(ConfigStoreObjectId id, std::string operation,
                          const rapidjson::Value& drift)
@@ -80,7 +73,7 @@ DriftObject::DriftObject(ConfigStoreObjectId id, std::string operation,
   doc_.GetDocument().CopyFrom(drift, doc_.GetAllocator());
 }
 
-std::string DriftObject::GetSerializedDrift() const { return Serialize(doc_.GetDocument()); }
+std::string DriftObject::GetSerializedDrift() const { return CompactJson(doc_.GetDocument()); }
 
 namespace {
 

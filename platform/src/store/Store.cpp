@@ -43,7 +43,7 @@ DocObject InstanceResolver::Resolve(const std::string& component, const std::str
     auto it = element.FindMember(field);
     if (it != element.MemberEnd() && it->value.IsString()) {
       object.identifier.assign(it->value.GetString(), it->value.GetStringLength());
-      object.text = Serialize(element);
+      object.text = QenPlatform::CompactJson(element);
       return object;
     }
     if (it == element.MemberEnd() && field == kGenerated) {
@@ -52,7 +52,7 @@ DocObject InstanceResolver::Resolve(const std::string& component, const std::str
       object.identifier = GenerateInstanceId();
       copy.AddMember(rapidjson::StringRef(kGenerated),
                      rapidjson::Value(object.identifier, copy.GetAllocator()), copy.GetAllocator());
-      object.text = Serialize(copy);
+      object.text = QenPlatform::CompactJson(copy);
       return object;
     }
   }
@@ -85,7 +85,7 @@ void ForEachObject(const rapidjson::Value& document, const std::string& what,
             visit(object);
           }
         } else if (v.IsObject() || (v.IsString() && v.GetString() == std::string(kDeleteDefault))) {
-          DocObject object{c, g, k, "", v.IsString() ? std::string(kDeleteDefault) : Serialize(v), 1};
+          DocObject object{c, g, k, "", v.IsString() ? std::string(kDeleteDefault) : QenPlatform::CompactJson(v), 1};
           visit(object);
         } else {
           Fail(STORE_BAD_VALUE, what + ": the value of " + ConfigStoreObjectId(k, g, c).toString() +
@@ -332,7 +332,7 @@ void ProcessDesiredObject(rapidjson::Document::AllocatorType& allocator,
                                 ": it has no string member \"" + field + "\"");
     }
   }
-  const std::string text = Serialize(value);
+  const std::string text = QenPlatform::CompactJson(value);
   WriteTransaction(Of(conn), [&] {
     Impl& impl = Of(conn);
     Cursor(impl,
@@ -556,7 +556,7 @@ std::shared_ptr<ConfigStoreObject> ConfigStore::GetObject(const ConfigStoreObjec
 
 void ConfigStore::SetObject(const StoreObject& object) {
   const ConfigStoreObjectId& id = object.GetConfigStoreObjectId();
-  const std::string text = Serialize(object.GetJson());
+  const std::string text = QenPlatform::CompactJson(object.GetJson());
   // A key whose schema says it is user configuration is user configuration;
   // anything else the host keeps for itself is vital.
   std::string category = "vital";

@@ -79,9 +79,5 @@ Impl& Of(const std::shared_ptr<DBStore::StoreConnection>& conn);
 std::string GetMeta(Impl& impl, const std::string& name, const std::string& fallback);
 void SetMeta(Impl& impl, const std::string& name, const std::string& value);
 
-// Compact JSON text of a value (defined with the objects, which need it
-// without the database).
-std::string Serialize(const rapidjson::Value& value);
-
 }  // namespace detail
 }  // namespace QenConfigStore
