@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -31,7 +29,7 @@ class QenConfigTest : public QenTest::HostRootTest {
 
   // Runs qenconfig --root <this root> args... with stdout and stderr in files.
   Outcome Run(std::vector<std::string> args) {
-    const std::string out = Root() + "/.stdout", err = Root() + "/.stderr";
+    const std::string out = Path("/.stdout"), err = Path("/.stderr");
     args.insert(args.begin(), {QEN_BINARY_DIR "/tools/qenconfig", "--root", Root()});
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(&a[0]);
@@ -52,23 +50,15 @@ class QenConfigTest : public QenTest::HostRootTest {
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     outcome.exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    outcome.out = Slurp(out);
-    outcome.err = Slurp(err);
+    outcome.out = ReadFile("/.stdout");
+    outcome.err = ReadFile("/.stderr");
     return outcome;
-  }
-
-  static std::string Slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
   }
 
   // A user file outside the host root's logical paths.
   std::string UserFile(const std::string& name, const std::string& text) {
-    const std::string path = Root() + "/" + name;
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
+    WriteFile("/" + name, text);
+    return Path("/" + name);
   }
 
   static constexpr const char* kDocs = QEN_SOURCE_DIR "/host/documents/";
