@@ -11,7 +11,7 @@
 
 #include "HostRootTest.h"
 #include "configmanager/drift.h"
-#include "drift/DriftEngine.h"
+#include "drift/drift_engine.h"
 
 namespace DriftTest {
 

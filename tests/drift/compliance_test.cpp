@@ -5,7 +5,7 @@
 
 #include "ConfigStoreDocument.h"
 #include "DriftFixture.h"
-#include "drift/Compliance.h"
+#include "drift/compliance.h"
 
 using namespace QenConfigManager;
 using DriftTest::DriftFixture;

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "../launcher/PluginHost.h"
+#include "../plugin/PluginHost.h"
 #include "PluginSupport.h"
 
 using QenConfigManager::ConfigStoreObjectIdList;

@@ -2,7 +2,7 @@
 // runners: each really reads and writes its files below the host root.
 #include <gtest/gtest.h>
 
-#include "../launcher/PluginHost.h"
+#include "../plugin/PluginHost.h"
 #include "PluginSupport.h"
 
 using QenConfigManager::ConfigStoreObjectList;

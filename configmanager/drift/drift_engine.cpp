@@ -1,7 +1,7 @@
 // The drift walk: key-by-key comparison of a desired document with a host
-// document under the keys' schemas. ComputeDrift (ComputeDrift.cpp) supplies
+// document under the keys' schemas. ComputeDrift (compute_drift.cpp) supplies
 // the host document; this file never extracts anything.
-#include "drift/DriftEngine.h"
+#include "drift/drift_engine.h"
 
 #include <algorithm>
 #include <cstring>

@@ -2,7 +2,7 @@
 // with integers compared by exact value, QenPlatform::JsonNumbersEqual),
 // cheaper on the documents the walk meets: equal values whose members come
 // in the same order.
-#include "drift/DriftEngine.h"
+#include "drift/drift_engine.h"
 
 namespace QenConfigManager {
 namespace drift {

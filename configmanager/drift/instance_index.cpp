@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "ConfigStoreDocument.h"
-#include "drift/DriftEngine.h"
+#include "drift/drift_engine.h"
 
 namespace QenConfigManager {
 namespace drift {

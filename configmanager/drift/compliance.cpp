@@ -6,7 +6,7 @@
 
 #include "CSLogger.h"
 #include "ConfigStoreDocument.h"
-#include "drift/Compliance.h"
+#include "drift/compliance.h"
 
 namespace QenConfigManager {
 namespace {

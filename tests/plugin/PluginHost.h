@@ -1,7 +1,7 @@
 // Test fixture for plugin calls with the real runners: a temporary host root
 // holding the sample host plus the fault plugins of tests/plugins-fixtures
 // (Python id "fault", C++ module "libfault.so"), and a monitor that aborts on
-// cue. Shared by test_launcher and test_runners.
+// cue. Shared by test_plugin and test_runners.
 #pragma once
 
 #include <dirent.h>

@@ -4,7 +4,7 @@
 #include "QenConfigStore.h"
 #include "QenSchemaStore.h"
 #include "configmanager/extract.h"
-#include "drift/DriftEngine.h"
+#include "drift/drift_engine.h"
 
 namespace QenConfigManager {
 
