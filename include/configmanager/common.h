@@ -190,6 +190,9 @@ QCM_EXPORT void ParseDocument(const std::string& text, rapidjson::Document& doc)
 QCM_EXPORT void CreateDocumentFromFile(const char* path, rapidjson::Document& doc);
 QCM_EXPORT void CreateFileFromDocument(const char* path, const rapidjson::Document& doc);
 QCM_EXPORT void SerializeValue(const rapidjson::Value& value, std::string& out);
+// Moves `value` into `object` as its last member `name` (a copy), with
+// `doc`'s allocator; `value` is left null, a null `value` adds null. A
+// missing `doc`, a missing or non-object `object`: the JSON library's 1082.
 QCM_EXPORT void AddMember(rapidjson::Document* doc, rapidjson::Value* object, const std::string& name,
                           rapidjson::Value* value);
 QCM_EXPORT bool IsEqualArray(const rapidjson::Value& a, const rapidjson::Value& b);

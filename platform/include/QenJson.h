@@ -5,7 +5,7 @@
 //
 // RapidJSON's internal checks (wrong type for an accessor, missing member for
 // operator[], ...) throw QenConfigStore::ConfigStoreException with code 1082
-// and the text  JSON error: "<file>":<line>: <condition>  instead of aborting.
+// and the text  JSON error:"<file>":<line>: <condition>  instead of aborting.
 #pragma once
 
 #ifdef RAPIDJSON_ASSERT

@@ -17,9 +17,7 @@ void CreateDocument(const std::string& text, rapidjson::Document& doc) {
              std::to_string(parsed.GetErrorOffset()));
     throw e;
   }
-  if (DeeperThan(parsed, kMaxDepth)) {
-    Fail("value nested deeper than " + std::to_string(kMaxDepth) + " levels");
-  }
+  if (DeeperThan(parsed, kMaxDepth)) ThrowTooDeep();
   doc.Swap(parsed);
 }
 
