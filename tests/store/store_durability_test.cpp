@@ -78,6 +78,76 @@ TEST_F(StoreDurabilityTest, TransactionCommitsOrRollsBackEveryWriteItSpans) {
   EXPECT_EQ(GetBootMode(), BOOTMODE_HOSTAPI_STAGED);
 }
 
+// A transaction on a connection of its own (the library's operations open
+// one) spans the writes made on that connection: a desired object, the boot
+// mode and the auto-deployment object commit together or not at all.
+TEST_F(StoreDurabilityTest, TransactionOnAnOwnConnectionSpansTheWritesGivenIt) {
+  const std::string before = Dump();
+  const ConfigStoreObjectId autodeploy("autodeploy", "bootstrap", "qen");
+  auto writeAll = [&](const std::shared_ptr<DBStore::StoreConnection>& conn) {
+    auto value = Doc(R"({"v": 7})");
+    ProcessDesiredObject(value.GetAllocator(), conn, "user text", "c", "g", "k", nullptr, value);
+    SetBootMode(BOOTMODE_HOSTAPI_STAGED, conn);
+    ConfigStoreObject object(autodeploy);
+    object.SetValue("firewall", "<rules/>");
+    ConfigStore::SetObject(object, conn);
+  };
+
+  {
+    auto conn = Connect();
+    ConfigStoreTransaction tx(conn);
+    writeAll(conn);
+  }  // discarded
+  EXPECT_EQ(Dump(), before);
+
+  {
+    auto conn = Connect();
+    FailNthWrite(3);  // the boot mode, after the desired object's two writes
+    EXPECT_EQ(Failure([&] {
+                ConfigStoreTransaction tx(conn);
+                writeAll(conn);
+                tx.Commit();
+              }),
+              "2002: Configuration store \"/var/lib/corvane/configstore/configstore.db\": write failed: "
+              "injected fault");
+  }
+  EXPECT_EQ(Dump(), before);
+
+  {
+    auto conn = Connect();
+    ConfigStoreTransaction tx(conn);
+    writeAll(conn);
+    tx.Commit();
+  }
+  EXPECT_EQ(Lines(GetDesiredUserConfigContents(Connect())), (std::vector<std::string>{
+                                                                "c/g/k/=" R"({"v":7})",
+                                                                "c/g/list/x=" R"({"cs_generated_id":"x","n":1})"}));
+  EXPECT_EQ(GetBootMode(), BOOTMODE_HOSTAPI_STAGED);
+  std::string firewall;
+  auto stored = ConfigStore::GetStore()->GetObject(autodeploy);
+  ASSERT_NE(stored, nullptr);
+  EXPECT_TRUE(stored->GetValue("firewall", firewall));
+  EXPECT_EQ(firewall, "<rules/>");
+}
+
+// The other write forms that take a connection use it too: were one of them
+// to use the process-wide connection, it would wait for the transaction's
+// lock and fail.
+TEST_F(StoreDurabilityTest, EveryWriteFormWithAConnectionStaysOnIt) {
+  auto conn = Connect();
+  {
+    ConfigStoreTransaction tx(conn);
+    auto doc = Doc(R"({"c": {"g": {"k": {"v": 2}}}, "d": {"g": {"k": {"v": 3}}}})");
+    SetDesiredUserConfig(doc, conn);
+    DeleteHostAPIConfiguration("d", "g", "k", conn);
+    setBootApplyRecord("record", conn);
+    tx.Commit();
+  }
+  EXPECT_EQ(Lines(GetDesiredUserConfigContents(conn)), (std::vector<std::string>{"c/g/k/=" R"({"v":2})"}));
+  EXPECT_EQ(GetBootMode(), BOOTMODE_DESIRED_STAGED);
+  EXPECT_EQ(Json(getBootApplyRecord()->GetDocument()), R"({"isBootComplete":true,"bootApplyRecord":"record"})");
+}
+
 TEST_F(StoreDurabilityTest, NestedTransactionRollsBackOnlyItsOwnPart) {
   auto store = ConfigStore::GetStore();
   ConfigStoreTransaction outer(store);

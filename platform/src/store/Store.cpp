@@ -351,7 +351,12 @@ void ProcessDesiredObject(rapidjson::Document::AllocatorType& allocator,
 
 void DeleteHostAPIConfiguration(const std::string& component, const std::string& group,
                                 const std::string& key) {
-  auto conn = GlobalConnection();
+  DeleteHostAPIConfiguration(component, group, key, GlobalConnection());
+}
+
+void DeleteHostAPIConfiguration(const std::string& component, const std::string& group,
+                                const std::string& key,
+                                const std::shared_ptr<DBStore::StoreConnection>& conn) {
   WriteTransaction(Of(conn), [&] {
     Impl& impl = Of(conn);
     Cursor(impl,
@@ -366,7 +371,11 @@ void DeleteHostAPIConfiguration(const std::string& component, const std::string&
 }
 
 void SetDesiredUserConfig(const rapidjson::Value& document) {
-  auto conn = GlobalConnection();
+  SetDesiredUserConfig(document, GlobalConnection());
+}
+
+void SetDesiredUserConfig(const rapidjson::Value& document,
+                          const std::shared_ptr<DBStore::StoreConnection>& conn) {
   WriteTransaction(Of(conn), [&] {
     StageDocument(Of(conn), kHost, document, "The desired configuration document");
     SetMeta(Of(conn), "bootMode", std::to_string(BOOTMODE_DESIRED_STAGED));
@@ -459,8 +468,9 @@ int GetBootMode() {
   Fail(STORE_READ_FAILED, "Configuration store boot mode \"" + text + "\" is not a number");
 }
 
-void SetBootMode(int mode) {
-  auto conn = GlobalConnection();
+void SetBootMode(int mode) { SetBootMode(mode, GlobalConnection()); }
+
+void SetBootMode(int mode, const std::shared_ptr<DBStore::StoreConnection>& conn) {
   WriteTransaction(Of(conn), [&] { SetMeta(Of(conn), "bootMode", std::to_string(mode)); });
 }
 
@@ -477,8 +487,9 @@ std::shared_ptr<JsonDoc> getBootApplyRecord() {
   return doc;
 }
 
-void setBootApplyRecord(const std::string& record) {
-  auto conn = GlobalConnection();
+void setBootApplyRecord(const std::string& record) { setBootApplyRecord(record, GlobalConnection()); }
+
+void setBootApplyRecord(const std::string& record, const std::shared_ptr<DBStore::StoreConnection>& conn) {
   WriteTransaction(Of(conn), [&] {
     SetMeta(Of(conn), "bootApplyRecord", record);
     SetMeta(Of(conn), "isBootComplete", "1");
@@ -554,7 +565,9 @@ std::shared_ptr<ConfigStoreObject> ConfigStore::GetObject(const ConfigStoreObjec
   return First(ReadObjects(kCurrentObjects, id, conn_, nullptr, false));
 }
 
-void ConfigStore::SetObject(const StoreObject& object) {
+void ConfigStore::SetObject(const StoreObject& object) { SetObject(object, conn_); }
+
+void ConfigStore::SetObject(const StoreObject& object, const std::shared_ptr<DBStore::StoreConnection>& conn) {
   const ConfigStoreObjectId& id = object.GetConfigStoreObjectId();
   const std::string text = QenPlatform::CompactJson(object.GetJson());
   // A key whose schema says it is user configuration is user configuration;
@@ -564,8 +577,8 @@ void ConfigStore::SetObject(const StoreObject& object) {
     auto schema = schemas->GetSchema(id.GetComponent(), id.GetGroup(), id.GetKey());
     if (schema && !schema->GetUserConfigText().empty()) category = "user";
   }
-  WriteTransaction(Of(conn_), [&] {
-    Cursor c(Of(conn_),
+  WriteTransaction(Of(conn), [&] {
+    Cursor c(Of(conn),
              "INSERT INTO config_object(scope, component, grp, name, identifier, category,"
              " current_value, ordinal) VALUES('host', ?1, ?2, ?3, ?4, ?6, ?5,"
              " (SELECT COALESCE(MAX(ordinal), 0) + 1 FROM config_object WHERE scope = 'host' AND"
