@@ -5,7 +5,7 @@
 #include <string>
 
 #include "QenJson.h"
-#include "configmanager/common.h"
+#include "ErrorInfo.h"
 
 namespace QenPlatform {
 
