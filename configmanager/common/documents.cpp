@@ -11,7 +11,6 @@
 #include "CSLogger.h"
 #include "HostFiles.h"
 #include "HostRoot.h"
-#include "common/parse.h"
 #include "configmanager/common.h"
 
 namespace QenConfigManager {
@@ -41,7 +40,7 @@ void CreateDocumentFromFile(const char* path, rapidjson::Document& doc) {
   // A missing, unreadable or empty file reads as "", a parse error like any other.
   std::string text;
   if (!QenPlatform::ReadWholeFile(QenPlatform::HostPath(logical), text)) text.clear();
-  if (!ParseJsonText(text, doc)) ThrowException<ConfigManagerException>(PARSE_ERROR, logical);
+  if (!QenPlatform::ParseJson(text, doc)) ThrowException<ConfigManagerException>(PARSE_ERROR, logical);
 }
 
 void CreateFileFromDocument(const char* path, const rapidjson::Document& doc) {

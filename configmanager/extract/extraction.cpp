@@ -211,8 +211,7 @@ void ProcessConfigMapList(rapidjson::Document& doc, const ConfigMapList& list,
 
     // Parsed straight into the result's allocator, so adding it is a move.
     rapidjson::Document value(&allocator);
-    value.Parse(text.c_str(), text.size());
-    if (value.HasParseError()) ThrowException<InvalidArgumentException>(PARSE_ERROR);
+    if (!QenPlatform::ParseJson(text, value)) ThrowException<InvalidArgumentException>(PARSE_ERROR);
 
     const rapidjson::Value& schemaJson = schema->GetSchemaJson();
     auto items = schemaJson.IsObject() ? schemaJson.FindMember("items") : schemaJson.MemberEnd();
@@ -269,8 +268,7 @@ void ProcessAutoConfig(rapidjson::Value& config, const rapidjson::Value& schema,
   if (errors.Empty()) return;
 
   rapidjson::Document autoValue;
-  autoValue.Parse(autoConfValue.c_str(), autoConfValue.size());
-  if (autoValue.HasParseError()) ThrowException<InvalidArgumentException>(PARSE_ERROR);
+  if (!QenPlatform::ParseJson(autoConfValue, autoValue)) ThrowException<InvalidArgumentException>(PARSE_ERROR);
 
   for (const rapidjson::Value& error : errors.GetArray()) {
     std::string field(error["field"].GetString(), error["field"].GetStringLength());

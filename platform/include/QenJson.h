@@ -48,6 +48,26 @@ inline bool JsonNumbersEqual(const rapidjson::Value& a, const rapidjson::Value& 
   return a.IsUint64() && b.IsUint64() && a.GetUint64() == b.GetUint64();
 }
 
+// Text from outside (files, stored values, plugin results) nested deeper
+// than this is refused: walks, writers and comparisons recurse per level.
+constexpr unsigned kMaxJsonNesting = 512;
+
+// The outcome of ParseJson.
+struct JsonParseResult {
+  enum Status { kOk, kNotJson, kTooDeep } status = kOk;
+  std::string reason;  // unless kOk: what is wrong and at which offset
+  explicit operator bool() const { return status == kOk; }
+};
+
+// The one parse of JSON text that comes from outside: one root value with
+// nothing but white space around it, nesting at most kMaxJsonNesting deep.
+// The reader is iterative, so no text can exhaust the stack. On failure
+// `doc` is left as it was. Reentrant; uses `doc`'s allocator.
+JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& doc);
+inline JsonParseResult ParseJson(const std::string& text, rapidjson::Document& doc) {
+  return ParseJson(text.data(), text.size(), doc);
+}
+
 // The value as compact JSON text (no white space).
 inline std::string CompactJson(const rapidjson::Value& value) {
   rapidjson::StringBuffer buffer;

@@ -161,17 +161,19 @@ TEST_F(ExtractionTest, ValueCleanedToNothingIsFilteredOut) {
 }
 
 TEST_F(ExtractionTest, UnparsableStoredValueIsAParseError) {
-  // The store refuses bad JSON, so hand over the list a damaged store would give.
-  ConfigMapList list = std::make_shared<ConfigMapVector>();
-  list->push_back(std::make_shared<ConfigMap>(ConfigMap{
-      {"Component", "sys"}, {"ConfigGroup", "time"}, {"Name", "ntp"}, {"Identifier", ""},
-      {"Value", "{not json"}}));
-  rapidjson::Document doc;
-  ExpectThrows<InvalidArgumentException>(
-      [&] {
-        ProcessConfigMapList(doc, list, QenSchemaStore::SchemaStore::GetStore(), DOC_CURRENT, nullptr);
-      },
-      2080, "Failed to parse JSON String");
+  // The store refuses bad JSON, so hand over the list a damaged store would
+  // give: text that is not JSON, or nested far deeper than any walk allows.
+  for (const std::string& value : {std::string("{not json"), std::string(100000, '[') + std::string(100000, ']')}) {
+    ConfigMapList list = std::make_shared<ConfigMapVector>();
+    list->push_back(std::make_shared<ConfigMap>(ConfigMap{
+        {"Component", "sys"}, {"ConfigGroup", "time"}, {"Name", "ntp"}, {"Identifier", ""}, {"Value", value}}));
+    rapidjson::Document doc;
+    ExpectThrows<InvalidArgumentException>(
+        [&] {
+          ProcessConfigMapList(doc, list, QenSchemaStore::SchemaStore::GetStore(), DOC_CURRENT, nullptr);
+        },
+        2080, "Failed to parse JSON String");
+  }
 }
 
 TEST_F(ExtractionTest, DesiredDocumentComesFromTheStagedConfigurationWithoutPlugins) {

@@ -279,6 +279,19 @@ TEST_F(LauncherSetupTest, CppRunnerRefusesWhatTheSdkCannotRun) {
   // A request cut short after its module: the runner finds the plugin, the
   // SDK refuses the request.
   EXPECT_EQ(run("libfault.so", true), "status=Invalid argument");
+  // Nesting 100,000 levels deep before the module: refused, not a crash.
+  {
+    PluginLauncher launcher("cfault", 3, "APPLY", {}, "c++", "libfault.so");
+    WriteFile(PluginLauncher::kInputFile, "{\"x\": " + std::string(100000, '[') + std::string(100000, ']') +
+                                              ", \"module\": \"libfault.so\"}", 0600);
+    std::string failure;
+    try {
+      launcher.ForkPlugin(PluginMonitor::Dummy());
+    } catch (const ConfigManagerException& e) {
+      failure = e.what();
+    }
+    EXPECT_EQ(failure.substr(failure.find(", status=") + 2), "status=Invalid argument");
+  }
   ExpectCleanAfterCall();
 }
 

@@ -334,6 +334,28 @@ TEST_F(StoreDurabilityTest, StagedValueThatIsNotJsonIsARestoreFailure) {
                                       R"(c/g/n/={"a":1})"}));
 }
 
+// Values nested 100,000 levels deep, written by another client: every read
+// refuses them with its error instead of overflowing the stack.
+TEST_F(StoreDurabilityTest, ValueNestedTooDeepIsRefusedByEveryRead) {
+  WriteFile("/tmp/deep.py",
+            "import sqlite3, sys\n"
+            "deep = '[' * 100000 + ']' * 100000\n"
+            "c = sqlite3.connect(sys.argv[1])\n"
+            "c.execute(\"INSERT INTO config_object VALUES('host','c','g','deep','','user',NULL,?,NULL,9)\", (deep,))\n"
+            "c.execute(\"INSERT INTO desired_object VALUES('host','c','g','k','','SET',?,1)\", (deep,))\n"
+            "c.commit()\n");
+  ASSERT_EQ(std::system(("python3 " + Path("/tmp/deep.py") + " " + Path(kDatabasePath)).c_str()), 0);
+  const ConfigStoreObjectId id("deep", "g", "c");
+  EXPECT_EQ(Failure([&] { ConfigStore::GetStore()->GetObject(id); }),
+            "2003: The value of comp c grp g key deep is not valid JSON: nested deeper than 512 levels at offset 512");
+  EXPECT_EQ(Failure([&] { DumpStoreDescription(); }),
+            "2000: Configuration store holds a value that is not JSON: comp c grp g key deep");
+  RestoreDesiredConfigAtBoot();
+  auto failures = GetBootTimeRestoreFailures();
+  ASSERT_EQ(failures.size(), 1u);
+  EXPECT_EQ(failures[0].toString(), "comp c grp g key k");
+}
+
 TEST_F(StoreDurabilityTest, StatisticsCountRowsAndValueBytes) {
   // Rows: c/g/k (default and current), c/g/list/x.
   EXPECT_EQ(GetConfigRowCount(), 2);

@@ -55,12 +55,9 @@ bool ReadHostJson(const std::string& logical, rapidjson::Document& doc, std::str
     if (error) *error = "cannot read host file \"" + logical + "\": " + std::strerror(errno);
     return false;
   }
-  doc.Parse(text.c_str(), text.size());
-  if (doc.HasParseError()) {
-    if (error)
-      *error = "host file \"" + logical + "\" is not valid JSON: " +
-               rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
-               std::to_string(doc.GetErrorOffset());
+  const JsonParseResult parsed = ParseJson(text, doc);
+  if (!parsed) {
+    if (error) *error = "host file \"" + logical + "\" is not valid JSON: " + parsed.reason;
     return false;
   }
   if (!doc.IsObject()) {

@@ -22,11 +22,8 @@ void ReadResultFile(const std::string& path, rapidjson::Document& doc) {
   if (!ReadWholeFile(path, text))
     throw QenConfigStore::ConfigStoreException(
         kResultReadFailed, ("cannot read " + name + ": " + std::strerror(errno)).c_str());
-  doc.Parse(text.c_str(), text.size());
-  if (doc.HasParseError())
-    BadShape(name, std::string("not valid JSON: ") +
-                       rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
-                       std::to_string(doc.GetErrorOffset()));
+  const JsonParseResult parsed = ParseJson(text, doc);
+  if (!parsed) BadShape(name, "not valid JSON: " + parsed.reason);
   if (!doc.IsObject()) BadShape(name, "not a JSON object");
 }
 

@@ -419,8 +419,7 @@ void RestoreDesiredConfigAtBoot() {
       std::set<std::string> failed;
       for (const Staged& s : staged) {
         rapidjson::Document parsed;
-        parsed.Parse(s.value.c_str(), s.value.size());
-        if (!parsed.HasParseError()) continue;
+        if (QenPlatform::ParseJson(s.value, parsed)) continue;
         if (failed.insert(s.c + "\x1f" + s.g + "\x1f" + s.k).second)
           Cursor(impl, "INSERT INTO restore_failure(component, grp, name) VALUES(?1, ?2, ?3)")
               .Bind(1, s.c).Bind(2, s.g).Bind(3, s.k).Run();
