@@ -165,9 +165,21 @@ class QCM_EXPORT Plugin {
 // Node name -> the node names it depends on (apply groups and services).
 typedef std::map<std::string, std::vector<std::string>> DependencyGraph;
 
+// One apply operation of a plugin, as the apply runner runs it: the plugin
+// and the operation's name, "REMEDIATE" for a version 3 plugin, the
+// manifest's operation name ("SET", "ADD", "DELETE") for versions 0 to 2.
+struct QCM_EXPORT ApplyOperationRef {
+  std::shared_ptr<Plugin> plugin;
+  std::string operation;
+};
+
 // Every manifest of one kind of work, indexed by accepted object, with the
 // apply order for the apply kinds. Filled by its constructor, then read-only;
 // built and used on one thread.
+//
+// Orders do not depend on the file system or on hashing: manifests are loaded
+// in the order of their paths, GetPlugins and the providers of a service are
+// ordered by plugin identifier (then manifest path), List by object path.
 class QCM_EXPORT PluginManager {
  public:
   // Loads the plugin directory; throws 3000 (walk failed), the manifest's own
@@ -181,22 +193,38 @@ class QCM_EXPORT PluginManager {
   void ProcessOperation(const PluginApplyOperation& operation, const std::string& group,
                         DependencyGraph& graph);
 
-  // Plugins accepting component/group/key of `id`, the one added last first.
+  // Plugins accepting component/group/key of `id`, the one added last (the
+  // last manifest path) first.
   std::vector<std::shared_ptr<Plugin>> Find(const ConfigStoreObjectId& id) const;
-  // "COMPONENT/GROUP/KEY:manifest path", one per extension table entry.
+  // "COMPONENT/GROUP/KEY:manifest path", one per extension table entry, by
+  // object path and, for one object, in Find's order.
   std::vector<std::string> List() const;
+  // Every loaded plugin, by plugin identifier.
   std::vector<std::shared_ptr<Plugin>> GetPlugins() const;
   // Apply order: group and service names, each after what it depends on.
   std::vector<std::string> GetDependencies() const { return dependencies; }
+  // The apply operations that provide `name`, a name of GetDependencies():
+  // what the apply runner runs, in this order, when it reaches the name (its
+  // task key is the operation name, ":" and the plugin identifier). Ordered
+  // by plugin identifier, a plugin's own operations in manifest order. Empty
+  // for an apply group, for a name nothing provides and in managers of the
+  // other kinds. Built once with the apply order; the reference lives as
+  // long as the manager.
+  const std::vector<ApplyOperationRef>& GetProviders(const std::string& name) const;
 
  private:
+  // Loaded plugins with their manifest paths, by plugin identifier.
+  std::vector<std::pair<std::string, std::shared_ptr<Plugin>>> ById() const;
+
   std::string directory;
-  std::unordered_map<std::string, std::shared_ptr<Plugin>> plugins;
+  std::map<std::string, std::shared_ptr<Plugin>> plugins;  // by manifest path
   // Object path ("COMPONENT/GROUP/KEY") -> manifest paths, the one added last
   // first. A map of lists rather than a multimap: a multimap's order among
   // equal keys is the library's, and Find's order is part of the contract.
-  std::unordered_map<std::string, std::vector<std::string>> extensionTable;
+  std::map<std::string, std::vector<std::string>> extensionTable;
   std::vector<std::string> dependencies;
+  // Service name -> the apply operations that provide it.
+  std::map<std::string, std::vector<ApplyOperationRef>> providers;
 };
 
 // The request document of one plugin call, written to the request file for
