@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <cstdio>
@@ -103,6 +104,9 @@ PluginLauncher::~PluginLauncher() {
 void PluginLauncher::ForkPlugin(const std::shared_ptr<PluginMonitor>& monitor) {
   CSLogger::Log(2, "Forking plugin for id=%s", id.c_str());
   const std::string runner = QenPlatform::HostPath(type == "python" ? kPythonRunner : kCppRunner);
+
+  // Only what this runner writes may be read back as its result.
+  ::unlink(QenPlatform::HostPath(kOutputFile).c_str());
 
   MonitorState state;
   state.monitor = monitor ? monitor : PluginMonitor::Dummy();

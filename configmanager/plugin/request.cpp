@@ -1,6 +1,4 @@
 // The plugin request document: built by the library, read by the runners.
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -156,13 +154,11 @@ void PluginRequest::Dump(const std::string& path, const std::string& taskId,
   PopulateTaskId(taskId);
   PopulateClusterContext(context);
   const std::string text = QenPlatform::CompactJson(document);
-  // The request carries configuration values: owner-only, also when the file
-  // already existed with a wider mode. An unwritable file is not reported
-  // here; the runner then fails on its input.
-  const std::string physical = QenPlatform::HostPath(path);
-  int fd = ::open(physical.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  // The request carries configuration values: a new owner-only file, never
+  // written through a link planted at the path. An unwritable file is not
+  // reported here; the runner then fails on its input.
+  int fd = QenPlatform::CreatePrivateFile(QenPlatform::HostPath(path));
   if (fd < 0) return;
-  (void)::fchmod(fd, 0600);
   QenPlatform::WriteAll(fd, text.data(), text.size());
   ::close(fd);
 }

@@ -255,10 +255,11 @@ class QCM_EXPORT PluginRequest {
   std::string PopulateCSOId(rapidjson::Value& entry, const ConfigStoreObject& object);
   void PopulateCSOList(const ConfigStoreObjectList& objects, const char* name);
 
-  // Adds "taskId" and "clusterContext" and writes the document (compact,
-  // mode 0600) to `path`, replacing its content. Paths are logical host
-  // paths, mapped with QenPlatform::HostPath (a path already below the root
-  // is used as it is).
+  // Adds "taskId" and "clusterContext" and writes the document (compact) to
+  // a new file at `path`, mode 0600: what was there is removed first, and a
+  // symbolic link is never followed. Paths are logical host paths, mapped
+  // with QenPlatform::HostPath (a path already below the root is used as it
+  // is).
   void Dump(const std::string& path, const std::string& taskId, const std::string& context);
   // Parses `path`; throws std::runtime_error when it cannot.
   void Load(const std::string& path);
@@ -289,7 +290,9 @@ class QCM_EXPORT PluginRequest {
 // kOutputFile, destroy (the destructor removes both files, also after a
 // failure). Used by one thread; ForkPlugin runs a monitor thread of its own
 // for as long as it waits for the child. The request and result paths are
-// fixed, so only one launcher may run at a time on a host.
+// fixed, so only one launcher may run at a time on a host: the Plugin
+// operations hold a lock on kLockFile around the whole cycle, and so must
+// any other user of a launcher. The runner dies with the calling thread.
 class QCM_EXPORT PluginLauncher {
  public:
   // Logical paths of the runners and of the request and result files.
@@ -297,6 +300,9 @@ class QCM_EXPORT PluginLauncher {
   static constexpr const char* kCppRunner = "/usr/lib/corvane/configmanager/bin/cpp_plugin_runner";
   static constexpr const char* kInputFile = "/var/corvane/lifecycle/cm-plugin-input.json";
   static constexpr const char* kOutputFile = "/var/corvane/lifecycle/cm-plugin-output.json";
+  // Held by every plugin call of the Plugin operations, in any process, from
+  // before the request file is written until both files are removed.
+  static constexpr const char* kLockFile = "/var/corvane/lifecycle/cm-plugin.lock";
   static constexpr const char* kResourceGroup = "++group=host/ovx/tavhost/configManagerPlugin,stats";
 
   // APPLY and IMPACT: builds the request from the inputs. Throws

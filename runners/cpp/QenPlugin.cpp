@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include <filesystem>
-
 #include "HostFiles.h"
 #include "HostRoot.h"
 
@@ -21,8 +19,8 @@ std::string Call::HostPath(const std::string& logical) { return QenPlatform::Hos
 void Call::WriteHostFile(const std::string& logical, const std::string& text, int mode) {
   const std::string path = HostPath(logical);
   const std::string temporary = path + ".new";
-  std::error_code ec;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+  // Host directories such as /etc/... are readable by all, whatever the umask.
+  QenPlatform::MakeDirectories(path.substr(0, path.rfind('/')), 0755);
   int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) throw std::runtime_error("cannot write " + logical + ": " + std::strerror(errno));
   if (!QenPlatform::WriteAll(fd, text.data(), text.size())) {

@@ -322,19 +322,13 @@ TEST_F(LauncherSetupTest, PythonRunnerErrorNumbers) {
 // No call may wait out the monitor thread's one-second poll: a lost wake-up
 // shows as a call of about a second. A correctness bound, not a speed goal.
 TEST_F(LauncherSetupTest, TwoThousandConsecutiveCallsNeverWaitOutTheMonitorPoll) {
-  const std::string manifest = std::string(kModules) + "cfault/manifest.json";
-  WriteFile(manifest, R"({"version": 3, "type": "c++", "accepts": ["network:dns:resolver"],
-    "apply": {"apply_group": "network", "boot": false, "REMEDIATE": {"provides": "x", "depends": []}}})");
-  WriteFile("/usr/lib/corvane/configmanager/plugins/libcfault.so",
-            ReadFile("/usr/lib/corvane/configmanager/plugins/libfault.so"), 0755);
-  QenConfigManager::Plugin plugin(manifest.c_str());
-  const DesiredConfigInputList inputs = {
-      Input("network", "dns", "resolver", "", R"({"servers":["192.0.2.1"]})", "SET")};
+  auto plugin = CppFaultPlugin();
+  const DesiredConfigInputList inputs = ResolverInputs();
   std::chrono::steady_clock::duration slowest{};
   int failed = 0;
   for (int call = 0; call < 2000; ++call) {
     auto started = std::chrono::steady_clock::now();
-    failed += !plugin.Apply(inputs, "ok", PluginMonitor::Dummy()).IsEmpty();
+    failed += !plugin->Apply(inputs, "ok", PluginMonitor::Dummy()).IsEmpty();
     slowest = std::max(slowest, std::chrono::steady_clock::now() - started);
   }
   EXPECT_EQ(failed, 0);

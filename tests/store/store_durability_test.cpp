@@ -51,6 +51,23 @@ TEST_F(StoreDurabilityTest, DatabaseIsOwnerOnlyInWalMode) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
+class StoreCreationTest : public QenTest::StoreTest {};
+
+TEST_F(StoreCreationTest, DatabaseAndItsDirectoriesAreOwnerOnlyWhateverTheUmask) {
+  const mode_t saved = ::umask(0);
+  auto conn = Connect();
+  SetBootMode(BOOTMODE_HOSTAPI_STAGED, conn);
+  ::umask(saved);
+  auto mode = [this](const std::string& logical) {
+    struct stat st;
+    return ::stat(Path(logical).c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
+  };
+  EXPECT_EQ(mode("/var/lib"), 0700);
+  EXPECT_EQ(mode("/var/lib/corvane/configstore"), 0700);
+  EXPECT_EQ(mode(kDatabasePath), 0600);
+  EXPECT_EQ(mode(std::string(kDatabasePath) + "-wal"), 0600);
+}
+
 TEST_F(StoreDurabilityTest, TransactionCommitsOrRollsBackEveryWriteItSpans) {
   const std::string before = Dump();
   auto store = ConfigStore::GetStore();

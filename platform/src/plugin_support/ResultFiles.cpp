@@ -28,8 +28,8 @@ void ReadResultFile(const std::string& path, rapidjson::Document& doc) {
 }
 
 void WritePrivateFile(const std::string& path, const std::string& text) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  bool ok = fd >= 0 && ::fchmod(fd, 0600) == 0 && WriteAll(fd, text.data(), text.size());
+  int fd = CreatePrivateFile(path);
+  bool ok = fd >= 0 && WriteAll(fd, text.data(), text.size());
   int saved = errno;
   if (fd >= 0 && ::close(fd) != 0 && ok) {
     ok = false;
