@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "ConfigStoreDocument.h"
@@ -18,6 +19,51 @@ extern const QenSchemaStore::SchemaObjectId podlet;
 // The clean-up actions each kind of document gets, in order.
 const std::vector<ConfigStoreDocument::CLEANUP_ACTIONS>& CleanupActionsFor(DocumentType type);
 
+// Member `name` of a stored object's map ("" when absent).
+const std::string& Member(const ConfigMap& map, const char* name);
+// The schema identity (component, group, key) of a stored object's map.
+QenSchemaStore::SchemaObjectId SchemaIdOf(const ConfigMap& map);
+
+// One stored object of a map list on its way into a document. Refers to the
+// map's strings: the map must outlive it.
+struct StoredObject {
+  explicit StoredObject(const ConfigMap& map);
+
+  // "Configuration for {C/G/K/I} <what>" at `priority`.
+  void Log(int priority, const char* what) const;
+  // Throws 2027 for a user-deleted default ("DELETE_DEFAULT").
+  void RejectDeletedDefault() const;
+  // The key's schema; 2021 when it has none.
+  std::shared_ptr<QenSchemaStore::SchemaObject> RequireSchema(
+      const std::shared_ptr<QenSchemaStore::SchemaStore>& store) const;
+  // Whether a solution, not a user, created this instance (never for
+  // generated identifiers).
+  bool IsSolutionInstance(const QenSchemaStore::SchemaObject& schema) const;
+
+  const std::string& component;
+  const std::string& group;
+  const std::string& name;
+  const std::string& identifier;
+  const QenSchemaStore::SchemaObjectId schemaId;
+  const std::string& value;
+  const std::string& autoConfValue;
+};
+
+// The schema of one value of a key: the "items" node for instances.
+const rapidjson::Value& ValueSchemaOf(const QenSchemaStore::SchemaObject& schema);
+
+// Parses the object's stored value into `value` (InvalidArgumentException
+// 2080 when it is not JSON), patches it from its automatic configuration
+// unless an extract plugin produced it, and cleans it for `type`. False when
+// the clean-up leaves an empty object.
+bool PrepareStoredValue(rapidjson::Document& value, const StoredObject& object,
+                        const rapidjson::Value& valueSchema, DocumentType type,
+                        const std::shared_ptr<ExtractionData>& pluginData,
+                        rapidjson::Document::AllocatorType& allocator);
+
+// The schema store; 2180 when there is none.
+std::shared_ptr<QenSchemaStore::SchemaStore> RequireSchemaStore();
+
 // Synchronises the SSH files into the store; failures are logged, not thrown.
 void SyncSshConfiguration();
 
@@ -32,7 +78,8 @@ void MergePluginConfigurations(ConfigMapList& list, const std::shared_ptr<Extrac
 void ProcessMutableDefaultDeletes(const ConfigMapList& list,
                                   const std::shared_ptr<QenSchemaStore::SchemaStore>& store);
 
-// Adds every stored object of `list` to `doc`, shaped for `type`.
+// Adds every stored object of `list` to `doc`, shaped for `type` (not
+// DOC_TELEMETRY, see ProcessConfigMapListTelemetry).
 void ProcessConfigMapList(rapidjson::Document& doc, const ConfigMapList& list,
                           const std::shared_ptr<QenSchemaStore::SchemaStore>& store,
                           DocumentType type, const std::shared_ptr<ExtractionData>& pluginData);
