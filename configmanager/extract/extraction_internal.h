@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "ConfigStoreDocument.h"
@@ -83,5 +84,36 @@ void ProcessMutableDefaultDeletes(const ConfigMapList& list,
 void ProcessConfigMapList(rapidjson::Document& doc, const ConfigMapList& list,
                           const std::shared_ptr<QenSchemaStore::SchemaStore>& store,
                           DocumentType type, const std::shared_ptr<ExtractionData>& pluginData);
+
+// ---- user configuration, export, telemetry and SmartNIC documents
+
+// Logical directory of the telemetry allowlists.
+constexpr const char* kTelemetryAllowlistDir = "/usr/lib/corvane/configmanager/telemetry/";
+// What a telemetry document holds in place of a telemetry-disabled key.
+constexpr const char* kTelemetryRedactionText =
+    "Configuration value cannot be exported for telemetry since it contains customer sensitive "
+    "information.";
+
+// Moves the configuration of every mutable-default key (of the host, or of
+// the SmartNIC with `smartnic`) out of `list` and appends it again unless it
+// equals the key's default. 2027 when a key has no user configuration left.
+void ProcessMutableDefaultConfig(ConfigMapList& list,
+                                 const std::shared_ptr<DBStore::StoreConnection>& connection,
+                                 const std::shared_ptr<QenSchemaStore::SchemaStore>& store,
+                                 bool smartnic);
+
+// The dotted key names ("component.group.key") of every ".json" allowlist
+// file. A missing or unreadable directory ends the scan.
+std::unordered_set<std::string> LoadTelemetryAllowlist();
+
+// Adds the telemetry form of `list` under doc["profile"]: telemetry-disabled
+// non-singleton keys become one masked entry each.
+void ProcessConfigMapListTelemetry(rapidjson::Document& doc, const ConfigMapList& list,
+                                   const std::shared_ptr<QenSchemaStore::SchemaStore>& store,
+                                   const std::shared_ptr<ExtractionData>& pluginData);
+
+// Writes the reference host's BIOS UUID and version under
+// "/metadata/reference_host".
+void AddReferenceHostMetadata(const std::string& biosUuid, rapidjson::Document& doc);
 
 }  // namespace QenConfigManager
