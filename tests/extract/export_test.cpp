@@ -8,6 +8,7 @@
 #include <boost/filesystem.hpp>
 
 #include "CustomHost.h"
+#include "ExtractTestSupport.h"
 #include "configmanager/extract.h"
 #include "extract/extraction_internal.h"
 
@@ -25,11 +26,6 @@ const char* kUserSchema = R"({
   "userConfig": "users", "telemetryDisabled": true, "solutionUserInstances": ["agent"],
   "schema": {"type": "array", "items": {"type": "object",
              "properties": {"name": {"type": "string"}, "password": {"type": "string", "sensitive": true}}}}})";
-
-const char* kZoneSchema = R"({
-  "component": "sys", "group": "time", "key": "zone", "singleton": true, "userConfig": "zone",
-  "mutableDefault": {"host": true},
-  "schema": {"type": "object", "properties": {"zone": {"type": "string"}}}})";
 
 const char* kDnsSchema = R"({
   "component": "sys", "group": "net", "key": "dns", "singleton": false, "instanceId": "server",
@@ -222,10 +218,7 @@ TEST_F(ExportTest, BadAllowlistsAreErrorsAndAMissingDirectoryExportsNothing) {
 }
 
 TEST_F(ExportTest, UnparsableStoredValueInTelemetryIsAParseError) {
-  ConfigMapList list = std::make_shared<ConfigMapVector>();
-  list->push_back(std::make_shared<ConfigMap>(ConfigMap{
-      {"Component", "sys"}, {"ConfigGroup", "snmp"}, {"Name", "agent"}, {"Identifier", ""},
-      {"Value", "{\"community\": \"s3cret"}}));
+  ConfigMapList list = SingletonList("sys", "snmp", "agent", "{\"community\": \"s3cret");
   rapidjson::Document doc;
   auto e = Thrown<InvalidArgumentException>([&] {
     ProcessConfigMapListTelemetry(doc, list, QenSchemaStore::SchemaStore::GetStore(), nullptr);
@@ -289,10 +282,7 @@ TEST_F(ExportTest, DeletedMutableDefaultIsRefused) {
 TEST_F(ExportTest, UnparsableMutableDefaultValueIsAParseError) {
   WriteKeySchema("sys", "time", "zone", kZoneSchema);
   LoadStore(R"({"host": {"defaults": {"sys": {"time": {"zone": {"zone": "UTC"}}}}}})");
-  ConfigMapList list = std::make_shared<ConfigMapVector>();
-  list->push_back(std::make_shared<ConfigMap>(ConfigMap{
-      {"Component", "sys"}, {"ConfigGroup", "time"}, {"Name", "zone"}, {"Identifier", ""},
-      {"Value", "{\"zone\": "}}));
+  ConfigMapList list = SingletonList("sys", "time", "zone", "{\"zone\": ");
   auto e = Thrown<InvalidArgumentException>([&] {
     ProcessMutableDefaultConfig(list, QenConfigStore::GetDBStore(0, true),
                                 QenSchemaStore::SchemaStore::GetStore(), false);
