@@ -38,6 +38,11 @@ std::string ReadUserFile(const std::string& path) {
   return text;
 }
 
+void WriteUserFile(const std::string& path, const std::string& text) {
+  if (!QenPlatform::ReplaceFile(path, text, 0600))
+    throw std::runtime_error("cannot write file \"" + path + "\": " + std::strerror(errno));
+}
+
 int Run(const std::function<int()>& body) {
   int status = kFailure;
   std::string failure;
@@ -66,9 +71,9 @@ int main(int argc, char** argv) {
   app.footer(
       "Exit codes: 0 ok, 1 failure, 2 usage, 3 not compliant (compliance); 128 + the signal (130,\n"
       "143) when SIGINT or SIGTERM stopped a command that runs plugins: validate terminates its\n"
-      "running plugin, extract and compliance stop once their extraction has run; no plugin and\n"
-      "no plugin request or result file is left. A second signal ends qenconfig at once (its\n"
-      "plugin with it). Errors go to stderr as \"error <code>: <message>\".");
+      "running plugin, extract, export and compliance stop once their extraction has run; no\n"
+      "plugin and no plugin request or result file is left. A second signal ends qenconfig at\n"
+      "once (its plugin with it). Errors go to stderr as \"error <code>: <message>\".");
   std::string root;
   int verbosity = -1;
   // Applied while parsing, before any command's callback runs.
