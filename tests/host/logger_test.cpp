@@ -57,13 +57,9 @@ TEST_F(LoggerFileTest, LogAndItsDirectoriesAreOwnerOnlyWhateverTheUmask) {
   const mode_t saved = ::umask(0);
   CSLogger::Log(0, "first line");
   ::umask(saved);
-  auto mode = [this](const std::string& logical) {
-    struct stat st;
-    return ::stat(Path(logical).c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
-  };
-  EXPECT_EQ(mode("/var"), 0700);
-  EXPECT_EQ(mode("/var/log/corvane"), 0700);
-  EXPECT_EQ(mode(CSLogger::kLogFile), 0600);
+  EXPECT_EQ(Mode("/var"), 0700);
+  EXPECT_EQ(Mode("/var/log/corvane"), 0700);
+  EXPECT_EQ(Mode(CSLogger::kLogFile), 0600);
   EXPECT_EQ(Count(LogText(Root()), "<0> first line\n"), 1u);
 }
 

@@ -44,11 +44,6 @@ class CallLockTest : public QenTest::PluginHostTest {
     return plugin_->Apply(ResolverInputs(), cue, monitor);
   }
 
-  static int Mode(const std::string& physical) {
-    struct stat st;
-    return ::lstat(physical.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
-  }
-
   std::shared_ptr<QenConfigManager::Plugin> plugin_;
   QenPlatform::HostLock held_;
 };
@@ -95,7 +90,7 @@ TEST_F(CallLockTest, StaleFilesAreReplacedNeverFollowedOrRead) {
   WriteFile(PluginLauncher::kOutputFile, R"({"error": {"msgId": "corvane.test.stale", "args": []}})", 0600);
   EXPECT_EQ(Apply("none"), ErrorInfo("corvane.qen.settings.apply.plugin.unexpected.error", {"cfault"}));
   EXPECT_EQ(ReadFile("/etc/victim"), "keep");
-  EXPECT_EQ(Mode(Path("/etc/victim")), 0644);
+  EXPECT_EQ(Mode("/etc/victim"), 0644);
 
   ASSERT_EQ(::symlink(Path("/etc/victim").c_str(), Path(PluginLauncher::kOutputFile).c_str()), 0);
   EXPECT_EQ(Apply("ok"), ErrorInfo("", {}, "DNS resolver"));
@@ -110,11 +105,11 @@ TEST_F(CallLockTest, ModesDoNotDependOnTheUmask) {
   QenConfigManager::PluginRequest().Dump(PluginLauncher::kInputFile, "t", "c");
   QenConfigManager::SaveErrorResult(ErrorInfo(), Path(PluginLauncher::kOutputFile));
   ::umask(saved);
-  EXPECT_EQ(Mode(Path(PluginLauncher::kInputFile)), 0600);
-  EXPECT_EQ(Mode(Path(PluginLauncher::kOutputFile)), 0600);
-  EXPECT_EQ(Mode(Path("/var/corvane")), 0700);
-  EXPECT_EQ(Mode(Path("/var/corvane/lifecycle")), 0700);
-  EXPECT_EQ(Mode(Path(PluginLauncher::kLockFile)), 0600);
+  EXPECT_EQ(Mode(PluginLauncher::kInputFile), 0600);
+  EXPECT_EQ(Mode(PluginLauncher::kOutputFile), 0600);
+  EXPECT_EQ(Mode("/var/corvane"), 0700);
+  EXPECT_EQ(Mode("/var/corvane/lifecycle"), 0700);
+  EXPECT_EQ(Mode(PluginLauncher::kLockFile), 0600);
 }
 
 }  // namespace

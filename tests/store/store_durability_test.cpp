@@ -58,14 +58,10 @@ TEST_F(StoreCreationTest, DatabaseAndItsDirectoriesAreOwnerOnlyWhateverTheUmask)
   auto conn = Connect();
   SetBootMode(BOOTMODE_HOSTAPI_STAGED, conn);
   ::umask(saved);
-  auto mode = [this](const std::string& logical) {
-    struct stat st;
-    return ::stat(Path(logical).c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
-  };
-  EXPECT_EQ(mode("/var/lib"), 0700);
-  EXPECT_EQ(mode("/var/lib/corvane/configstore"), 0700);
-  EXPECT_EQ(mode(kDatabasePath), 0600);
-  EXPECT_EQ(mode(std::string(kDatabasePath) + "-wal"), 0600);
+  EXPECT_EQ(Mode("/var/lib"), 0700);
+  EXPECT_EQ(Mode("/var/lib/corvane/configstore"), 0700);
+  EXPECT_EQ(Mode(kDatabasePath), 0600);
+  EXPECT_EQ(Mode(std::string(kDatabasePath) + "-wal"), 0600);
 }
 
 TEST_F(StoreDurabilityTest, TransactionCommitsOrRollsBackEveryWriteItSpans) {
