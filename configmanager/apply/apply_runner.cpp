@@ -122,7 +122,8 @@ ErrorInfo ExecuteApplyTasks(const DesiredConfigInputList& inputs, const std::str
     }
     CSLogger::Log(3, "Found match for dependency %s", order[i].name.c_str());
     task->AddNotification()->PluginInfo(kStarted, {outcome.pluginId});
-    ErrorInfo error = tasks.at(outcome.key).plugin->Apply(tasks.at(outcome.key).inputs, context, monitor);
+    const TaskMap& entry = tasks.at(outcome.key);
+    ErrorInfo error = entry.plugin->Apply(entry.inputs, context, monitor);
     if (!error.msgId.empty()) {
       CSLogger::Log(0, "%s plugin failed to execute.", outcome.pluginId.c_str());
       task->AddNotification()->PluginError(error);
