@@ -33,3 +33,14 @@ q extract current
 q validate "$DOCS/desired-good.json"
 q validate "$DOCS/desired-bad.json"
 q compliance "$DOCS/desired-compliance.json" --property-level
+
+# Export and telemetry: the host's exported user configuration (reference
+# host metadata, host-specific values split out, the time zone left out while
+# it equals its default), its telemetry form (allow-listed keys only, the SNMP
+# community redacted, the telemetry-disabled users masked), the SmartNIC's
+# configuration, and the configuration manager's telemetry items.
+q export
+q export --telemetry
+q smartnic get
+q telemetry --exclude configManagerQenConfig
+q telemetry --include configManagerQenBiosUuid,configManagerRowCount --index 5 --json

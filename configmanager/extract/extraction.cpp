@@ -21,24 +21,6 @@ const SchemaObjectId podlet("podlet", "system", "podlet_daemon");
 
 namespace {
 
-const char* kDeleteDefault = "DELETE_DEFAULT";
-
-const std::string& Member(const ConfigMap& map, const char* name) {
-  static const std::string empty;
-  auto it = map.find(name);
-  return it == map.end() ? empty : it->second;
-}
-
-SchemaObjectId SchemaIdOf(const ConfigMap& map) {
-  return SchemaObjectId(Member(map, "Component"), Member(map, "ConfigGroup"), Member(map, "Name"));
-}
-
-std::shared_ptr<QenSchemaStore::SchemaStore> RequireSchemaStore() {
-  std::shared_ptr<QenSchemaStore::SchemaStore> store = QenSchemaStore::SchemaStore::GetStore();
-  if (!store) ThrowException<ConfigManagerException>(SCHEMA_STORE_ERROR);
-  return store;
-}
-
 std::shared_ptr<QenConfigStore::JsonDoc> CreateObjectDocument() {
   std::shared_ptr<QenConfigStore::JsonDoc> result = CreateDocument();
   result->GetDocument().SetObject();
@@ -58,6 +40,70 @@ void SyncSource(const char* synced, const char* failed) {
 
 }  // namespace
 
+const std::string& Member(const ConfigMap& map, const char* name) {
+  static const std::string empty;
+  auto it = map.find(name);
+  return it == map.end() ? empty : it->second;
+}
+
+SchemaObjectId SchemaIdOf(const ConfigMap& map) {
+  return SchemaObjectId(Member(map, "Component"), Member(map, "ConfigGroup"), Member(map, "Name"));
+}
+
+StoredObject::StoredObject(const ConfigMap& map)
+    : component(Member(map, "Component")), group(Member(map, "ConfigGroup")),
+      name(Member(map, "Name")), identifier(Member(map, "Identifier")),
+      schemaId(component, group, name), value(Member(map, "Value")),
+      autoConfValue(Member(map, "AutoConfValue")) {}
+
+void StoredObject::Log(int priority, const char* what) const {
+  CSLogger::Log(priority, "Configuration for {%s/%s/%s/%s} %s", component.c_str(), group.c_str(),
+                name.c_str(), identifier.c_str(), what);
+}
+
+void StoredObject::RejectDeletedDefault() const {
+  if (value == QenConfigStore::kDeleteDefault)
+    ThrowException<ConfigManagerException>(DELETE_DEFAULT_NOT_SUPPORTED, schemaId.toString());
+}
+
+std::shared_ptr<QenSchemaStore::SchemaObject> StoredObject::RequireSchema(
+    const std::shared_ptr<QenSchemaStore::SchemaStore>& store) const {
+  std::shared_ptr<QenSchemaStore::SchemaObject> schema = QenSchemaStore::GetSchema(schemaId, store);
+  if (!schema)
+    ThrowException<ConfigManagerException>(SCHEMA_NOT_FOUND, component + "/" + group + "/" + name);
+  return schema;
+}
+
+bool StoredObject::IsSolutionInstance(const QenSchemaStore::SchemaObject& schema) const {
+  if (!schema.IsNonSingleton() || schema.GetInstanceIdField() == "cs_generated_id") return false;
+  std::vector<std::string> solution = schema.GetSolutionUserInstances();
+  return std::find(solution.begin(), solution.end(), identifier) != solution.end();
+}
+
+const rapidjson::Value& ValueSchemaOf(const QenSchemaStore::SchemaObject& schema) {
+  const rapidjson::Value& schemaJson = schema.GetSchemaJson();
+  if (!schemaJson.IsObject()) return schemaJson;
+  auto items = schemaJson.FindMember("items");
+  return items != schemaJson.MemberEnd() ? items->value : schemaJson;
+}
+
+bool PrepareStoredValue(rapidjson::Document& value, const StoredObject& object,
+                        const rapidjson::Value& valueSchema,
+                        DocumentType type, const std::shared_ptr<ExtractionData>& pluginData,
+                        rapidjson::Document::AllocatorType& allocator) {
+  ParseDocument(object.value, value);
+  if (!pluginData || !pluginData->configIds.count(object.schemaId))
+    ProcessAutoConfig(value, valueSchema, object.autoConfValue, allocator);
+  ConfigStoreDocument::CleanupObject(value, valueSchema, CleanupActionsFor(type), allocator);
+  return !(value.IsObject() && value.MemberCount() == 0);
+}
+
+std::shared_ptr<QenSchemaStore::SchemaStore> RequireSchemaStore() {
+  std::shared_ptr<QenSchemaStore::SchemaStore> store = QenSchemaStore::SchemaStore::GetStore();
+  if (!store) ThrowException<ConfigManagerException>(SCHEMA_STORE_ERROR);
+  return store;
+}
+
 const std::vector<CLEANUP_ACTIONS>& CleanupActionsFor(DocumentType type) {
   using namespace ConfigStoreDocument;
   static const std::vector<CLEANUP_ACTIONS> current = {
@@ -68,11 +114,16 @@ const std::vector<CLEANUP_ACTIONS>& CleanupActionsFor(DocumentType type) {
       REMOVE_DEFAULT_VALUES, REMOVE_READONLY_PROPERTIES, REMOVE_EMPTY_MEMBERS, SORT_INSTANCES};
   static const std::vector<CLEANUP_ACTIONS> desired = {REMOVE_UNDESCRIBED_PROPERTIES,
                                                        REMOVE_NULL_MEMBERS};
+  static const std::vector<CLEANUP_ACTIONS> telemetry = {
+      REMOVE_UNDESCRIBED_PROPERTIES, REMOVE_NULL_MEMBERS, REMOVE_GENERATED_ID,
+      REMOVE_DEFAULT_VALUES, REMOVE_READONLY_PROPERTIES, REMOVE_EMPTY_MEMBERS, SORT_INSTANCES,
+      REDACT_SENSITIVE};
   static const std::vector<CLEANUP_ACTIONS> none;
   switch (type) {
     case DOC_CURRENT: return current;
     case DOC_EXPORT: return exported;
     case DOC_DESIRED: return desired;
+    case DOC_TELEMETRY: return telemetry;
     default: return none;
   }
 }
@@ -174,62 +225,34 @@ void ProcessConfigMapList(rapidjson::Document& doc, const ConfigMapList& list,
   if (type == DOC_EXPORT) ConfigStoreDocument::AddProfile(doc);
   if (!doc.IsObject()) doc.SetObject();
   QenSchemaStore::SchemaObjectIdSet dspNonIntegrated = store->GetDspNonIntegratedSchemas();
-  const std::vector<CLEANUP_ACTIONS>& actions = CleanupActionsFor(type);
   rapidjson::Document::AllocatorType& allocator = doc.GetAllocator();
 
   for (const std::shared_ptr<ConfigMap>& map : *list) {
-    const std::string& name = Member(*map, "Name");
-    const std::string& component = Member(*map, "Component");
-    const std::string& group = Member(*map, "ConfigGroup");
-    const std::string& identifier = Member(*map, "Identifier");
-    CSLogger::Log(2, "Configuration for {%s/%s/%s/%s} was found.", component.c_str(), group.c_str(),
-                  name.c_str(), identifier.c_str());
-    SchemaObjectId schemaId(component, group, name);
-    const std::string& text = Member(*map, "Value");
-    if (text == kDeleteDefault)
-      ThrowException<ConfigManagerException>(DELETE_DEFAULT_NOT_SUPPORTED, schemaId.toString());
+    StoredObject object(*map);
+    object.Log(2, "was found.");
+    object.RejectDeletedDefault();
 
-    if (schemaId == podlet && dspNonIntegrated.count(schemaId)) {
+    if (object.schemaId == podlet && dspNonIntegrated.count(object.schemaId)) {
       CSLogger::Log(2, "Configuration for {%s/%s/%s} was not extracted, since dspIntegrated=False,",
-                    component.c_str(), group.c_str(), name.c_str());
+                    object.component.c_str(), object.group.c_str(), object.name.c_str());
       continue;
     }
 
-    std::shared_ptr<QenSchemaStore::SchemaObject> schema = QenSchemaStore::GetSchema(schemaId, store);
-    if (!schema)
-      ThrowException<ConfigManagerException>(SCHEMA_NOT_FOUND, component + "/" + group + "/" + name);
-    if (schema->IsNonSingleton() && schema->GetInstanceIdField() != "cs_generated_id") {
-      std::vector<std::string> solution = schema->GetSolutionUserInstances();
-      if (std::find(solution.begin(), solution.end(), identifier) != solution.end()) {
-        CSLogger::Log(2,
-                      "Configuration for {%s/%s/%s/%s} was not extracted, since instance is "
-                      "created by a solution.",
-                      component.c_str(), group.c_str(), name.c_str(), identifier.c_str());
-        continue;
-      }
+    std::shared_ptr<QenSchemaStore::SchemaObject> schema = object.RequireSchema(store);
+    if (object.IsSolutionInstance(*schema)) {
+      object.Log(2, "was not extracted, since instance is created by a solution.");
+      continue;
     }
 
     // Parsed straight into the result's allocator, so adding it is a move.
     rapidjson::Document value(&allocator);
-    value.Parse(text.c_str(), text.size());
-    if (value.HasParseError()) ThrowException<InvalidArgumentException>(PARSE_ERROR);
-
-    const rapidjson::Value& schemaJson = schema->GetSchemaJson();
-    auto items = schemaJson.IsObject() ? schemaJson.FindMember("items") : schemaJson.MemberEnd();
-    const rapidjson::Value& valueSchema =
-        schemaJson.IsObject() && items != schemaJson.MemberEnd() ? items->value : schemaJson;
-
-    if (!pluginData || !pluginData->configIds.count(schemaId))
-      ProcessAutoConfig(value, valueSchema, Member(*map, "AutoConfValue"), allocator);
-    ConfigStoreDocument::CleanupObject(value, valueSchema, actions, allocator);
-
-    if (value.IsObject() && value.MemberCount() == 0) {
-      CSLogger::Log(2, "Configuration for {%s/%s/%s/%s} was filtered out.", component.c_str(),
-                    group.c_str(), name.c_str(), identifier.c_str());
+    if (!PrepareStoredValue(value, object, ValueSchemaOf(*schema), type, pluginData, allocator)) {
+      object.Log(2, "was filtered out.");
       continue;
     }
     rapidjson::Value& target = type == DOC_EXPORT ? doc["profile"] : doc;
-    ConfigStoreDocument::AddObject(target, component, group, name, identifier, value, allocator);
+    ConfigStoreDocument::AddObject(target, object.component, object.group, object.name,
+                                   object.identifier, value, allocator);
   }
 }
 

@@ -1,11 +1,12 @@
-// Extraction: the host's current and staged desired configuration as
-// configuration documents, completed by what the extract plugins read from
-// the running system.
+// Extraction and export: the host's current, staged desired and user
+// configuration as configuration documents, completed by what the extract
+// plugins read from the running system; the exported document and its
+// telemetry form, which leave the host; the SmartNIC configuration.
 //
 // Every call opens its own store connection and plugin manager and releases
-// them before returning; nothing is written to the store. Not safe to run two
-// calls that run plugins at once on one host (the plugin request and result
-// files are fixed).
+// them before returning; only SetSmartnicConfiguration writes to the store.
+// Not safe to run two calls that run plugins at once on one host (the plugin
+// request and result files are fixed).
 #pragma once
 
 #include <memory>
@@ -44,5 +45,32 @@ QCM_EXPORT std::shared_ptr<QenConfigStore::JsonDoc> ExtractDesiredConfiguration(
 QCM_EXPORT void ProcessAutoConfig(rapidjson::Value& config, const rapidjson::Value& schema,
                                   const std::string& autoConfValue,
                                   rapidjson::Document::AllocatorType& allocator);
+
+// The host's user configuration shaped for `type` (the SSH files are synced
+// into the store first). A mutable-default key whose configuration equals
+// its default is left out. DOC_EXPORT puts the objects under "profile";
+// DOC_TELEMETRY keeps only the keys named by the telemetry allowlists
+// ("/usr/lib/corvane/configmanager/telemetry/*.json"), redacts sensitive
+// values and writes each telemetry-disabled non-singleton key as one masked
+// entry. Throws as ExtractCurrentConfiguration; an allowlist that is not
+// JSON is 2080 (path as argument), one that is not an array of strings 1082.
+QCM_EXPORT rapidjson::Document ExtractUserConfiguration(DocumentType type);
+
+// The normalised JSON text of the exported user configuration: host-specific
+// values split into this host's "host-specific" section, and the reference
+// host's BIOS UUID and version under "metadata"/"reference_host". Failures
+// of the store family pass unchanged; any other becomes
+// ConfigManagerException 3000 "ExportDocument failed: <reason>".
+QCM_EXPORT std::string ExportDocument();
+// The same with the telemetry form ("ExportDocumentTelemetry failed: ").
+QCM_EXPORT std::string ExportDocumentTelemetry();
+
+// The normalised JSON text of the SmartNIC's current configuration (objects
+// at the root; mutable defaults equal to their default left out).
+QCM_EXPORT std::string ExtractSmartnicConfiguration();
+// Stages `documentText` as the SmartNIC's desired configuration, replacing
+// what was staged. InvalidArgumentException 2080 when it is not JSON; the
+// store's 2003 when it is not a configuration document.
+QCM_EXPORT void SetSmartnicConfiguration(const std::string& documentText);
 
 }  // namespace QenConfigManager

@@ -18,6 +18,12 @@ bool ReadHostJson(const std::string& logical, rapidjson::Document& doc, std::str
 // setting up the stream library would cost more than the read.
 bool ReadWholeFile(const std::string& path, std::string& out, bool* opened = nullptr);
 
+// Replaces the file at physical path `path` by `text` all at once: written
+// to "<path>.new" with exactly `mode`, then renamed over it, so a reader
+// sees the old or the new content and never a part. False (errno set, the
+// temporary removed) when it cannot.
+bool ReplaceFile(const std::string& path, const std::string& text, int mode);
+
 // Writes all `size` bytes to `fd`, retrying interrupted and partial writes;
 // false (errno set) when the descriptor takes no more.
 bool WriteAll(int fd, const char* data, size_t size);

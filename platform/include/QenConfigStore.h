@@ -313,6 +313,9 @@ ConfigMapList GetDesiredSmartnicConfiguration(const std::shared_ptr<DBStore::Sto
 // when the id has no instance identifier), in stored order.
 ConfigMapVector GetDefaultUserConfigMapList(const ConfigStoreObjectId& id,
                                           const std::shared_ptr<DBStore::StoreConnection>& conn);
+// The same for the SmartNIC's defaults.
+ConfigMapVector GetDefaultSmartnicConfigMapList(const ConfigStoreObjectId& id,
+                                              const std::shared_ptr<DBStore::StoreConnection>& conn);
 
 // ---- reads as objects (host API) ---------------------------------------------
 

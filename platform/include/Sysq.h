@@ -1,15 +1,14 @@
-// Kernel system information, backed by the host state file
-// "/var/run/corvane/sysinfo.json" (logical path):
-//   {"interfaceCount": 21, "maintenanceMode": 0,
-//    "ramdisks": {"<name>": {"reservedMiB": 64, "mount": "/logical/dir"}}}
+// Kernel system information. Availability and the interface version come
+// from the host state file "/var/run/corvane/sysinfo.json" (logical path):
+//   {"interfaceCount": 21, "maintenanceMode": 0}
 // A missing "interfaceCount" means 21, the count this build speaks. A missing
 // or unreadable file makes every call fail with SYSQ_ERR_UNAVAILABLE.
 //
-// Ramdisks: the "configstore" ramdisk is known without being listed (64 MiB
-// reserved, mounted at the store's directory "/var/lib/corvane/configstore");
-// a "ramdisks" entry overrides it or adds others. A ramdisk's used size is the
-// space its files really take: the allocated blocks of every regular file
-// below the mount, each file rounded up to whole 4 KiB pages. Thread-safe.
+// Ramdisks: "configstore" is the file system that holds the configuration
+// store's database (the store's directory "/var/lib/corvane/configstore").
+// Its statistics are that file system's own figures: its size is the
+// reserved size and the space used on it the used size, so they are true of
+// a dedicated ramdisk and of whatever else holds the store. Thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -23,10 +22,9 @@ typedef struct Sysq_ParamList Sysq_ParamList;
 // Statistics of one ramdisk (Sysq_NODE_system_ramvol_ramdisks_stats; the
 // instance is a parameter list holding the ramdisk's name).
 typedef struct Ramvol_SysqRamStats {
-  uint32_t reservedMiB;  // reserved size in MiB
+  uint32_t reservedMiB;  // reserved size in MiB (rounded down)
   uint32_t reserved0;
-  uint64_t usedPages;    // used size in 4 KiB pages
-  uint64_t fileCount;    // regular files on the ramdisk
+  uint64_t usedPages;    // used size in 4 KiB pages (rounded up)
 } Ramvol_SysqRamStats;
 
 enum : int {
@@ -43,7 +41,6 @@ enum : int {
 };
 
 constexpr int Sysq_INTERFACE_COUNT = 21;
-constexpr uint32_t Sysq_CONFIGSTORE_RESERVED_MIB = 64;
 constexpr const char* Sysq_CONFIGSTORE_MOUNT = "/var/lib/corvane/configstore";
 constexpr const char* Sysq_STATE_FILE = "/var/run/corvane/sysinfo.json";
 
@@ -55,7 +52,8 @@ int Sysq_CheckSig(const char* signature, int count, int* result);
 
 // Reads node `node` (instance argument `instance`, may be null) into buffer.
 // The ramdisk node needs a parameter list with the ramdisk's name
-// (SYSQ_ERR_BAD_PARAM without; SYSQ_ERR_NOT_FOUND for an unknown ramdisk).
+// (SYSQ_ERR_BAD_PARAM without; SYSQ_ERR_NOT_FOUND for an unknown ramdisk or
+// one whose file system cannot be queried, e.g. a missing store directory).
 int Sysq_Get(Sysq_Node node, const void* instance, void* buffer, size_t size);
 
 // Parameter lists: create, append strings (SYSQ_ERR_BAD_PARAM for null

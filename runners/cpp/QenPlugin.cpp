@@ -1,9 +1,5 @@
 #include "QenPlugin.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
@@ -20,24 +16,10 @@ std::string Call::HostPath(const std::string& logical) { return QenPlatform::Hos
 
 void Call::WriteHostFile(const std::string& logical, const std::string& text, int mode) {
   const std::string path = HostPath(logical);
-  const std::string temporary = path + ".new";
   std::error_code ec;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0) throw std::runtime_error("cannot write " + logical + ": " + std::strerror(errno));
-  if (!QenPlatform::WriteAll(fd, text.data(), text.size())) {
-    int err = errno;
-    close(fd);
-    unlink(temporary.c_str());
-    throw std::runtime_error("cannot write " + logical + ": " + std::strerror(err));
-  }
-  // The mode argument is filtered by the umask; the file's mode is the plugin's decision.
-  fchmod(fd, static_cast<mode_t>(mode));
-  if (close(fd) != 0 || rename(temporary.c_str(), path.c_str()) != 0) {
-    int err = errno;
-    unlink(temporary.c_str());
-    throw std::runtime_error("cannot write " + logical + ": " + std::strerror(err));
-  }
+  if (!QenPlatform::ReplaceFile(path, text, mode))
+    throw std::runtime_error("cannot write " + logical + ": " + std::strerror(errno));
 }
 
 bool Call::ReadHostFile(const std::string& logical, std::string& text) {

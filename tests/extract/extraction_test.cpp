@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "CustomHost.h"
+#include "ExtractTestSupport.h"
 #include "configmanager/extract.h"
 #include "extract/extraction_internal.h"
 
@@ -20,11 +21,6 @@ const char* kUserSchema = R"({
   "userConfig": "users", "solutionUserInstances": ["agent"],
   "schema": {"type": "array", "items": {"type": "object",
              "properties": {"name": {"type": "string"}, "shell": {"type": "boolean"}}}}})";
-
-const char* kZoneSchema = R"({
-  "component": "sys", "group": "time", "key": "zone", "singleton": true, "userConfig": "zone",
-  "mutableDefault": {"host": true},
-  "schema": {"type": "object", "properties": {"zone": {"type": "string"}}}})";
 
 // Extracts sys/time/ntp with whatever value the file beside it holds; "none"
 // declares the object but returns nothing.
@@ -161,11 +157,7 @@ TEST_F(ExtractionTest, ValueCleanedToNothingIsFilteredOut) {
 }
 
 TEST_F(ExtractionTest, UnparsableStoredValueIsAParseError) {
-  // The store refuses bad JSON, so hand over the list a damaged store would give.
-  ConfigMapList list = std::make_shared<ConfigMapVector>();
-  list->push_back(std::make_shared<ConfigMap>(ConfigMap{
-      {"Component", "sys"}, {"ConfigGroup", "time"}, {"Name", "ntp"}, {"Identifier", ""},
-      {"Value", "{not json"}}));
+  ConfigMapList list = SingletonList("sys", "time", "ntp", "{not json");
   rapidjson::Document doc;
   ExpectThrows<InvalidArgumentException>(
       [&] {

@@ -2,6 +2,7 @@
 // compliance table and its JSON, and how failures reach the user.
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -117,6 +118,83 @@ TEST_F(QenConfigTest, FailuresAreUsageOrCodedErrors) {
   Outcome garbage = Run({"compliance", UserFile("bad.json", "{\"profile\": ")});
   EXPECT_EQ(garbage.exit, 1);
   EXPECT_EQ(garbage.err, "error 2080: Failed to parse JSON String\n");
+}
+
+TEST_F(QenConfigTest, ExportPrintsOrWritesTheDocumentAndItsTelemetryForm) {
+  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  Outcome printed = Run({"export"});
+  ASSERT_EQ(printed.exit, 0) << printed.err;
+  EXPECT_NE(printed.out.find("\n   \"metadata\": {\n      \"reference_host\": {\n         \"build\": \"24585383\","),
+            std::string::npos)
+      << printed.out;
+
+  const std::string file = Path("/exported.json");
+  Outcome written = Run({"export", "-o", file});
+  ASSERT_EQ(written.exit, 0) << written.err;
+  EXPECT_TRUE(written.out.empty());
+  const std::string text = ReadFile("/exported.json");
+  rapidjson::Document fromFile, fromPrint;
+  fromFile.Parse(text.c_str());
+  fromPrint.Parse(printed.out.c_str());
+  ASSERT_FALSE(fromFile.HasParseError()) << text;
+  EXPECT_TRUE(fromFile == fromPrint);
+  EXPECT_EQ(text.find("\n"), text.size() - 1);  // the normalised text, one line
+  struct stat st;
+  ASSERT_EQ(::stat(file.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+  Outcome telemetry = Run({"export", "--telemetry"});
+  ASSERT_EQ(telemetry.exit, 0) << telemetry.err;
+  EXPECT_EQ(telemetry.out.find("s3cret-community"), std::string::npos);
+  EXPECT_NE(telemetry.out.find("\"community\": \"(redacted)\""), std::string::npos) << telemetry.out;
+  EXPECT_NE(telemetry.out.find("\"telemetry_data\": \"Configuration value cannot be exported"),
+            std::string::npos);
+
+  Outcome unwritable = Run({"export", "-o", Path("/absent/dir/out.json")});
+  EXPECT_EQ(unwritable.exit, 1);
+  EXPECT_EQ(unwritable.err, "error: cannot write file \"" + Path("/absent/dir/out.json") +
+                                "\": No such file or directory\n");
+}
+
+TEST_F(QenConfigTest, SmartnicGetAndSet) {
+  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  Outcome get = Run({"smartnic", "get"});
+  ASSERT_EQ(get.exit, 0) << get.err;
+  EXPECT_EQ(get.out, "{\n   \"system\": {\n      \"smartnic\": {\n         \"offload\": {\n"
+                     "            \"encryption\": true,\n            \"firewall\": true\n"
+                     "         }\n      }\n   }\n}\n");
+
+  Outcome set = Run({"smartnic", "set", UserFile("nic.json", R"({"system": {"smartnic": {"offload": {"firewall": false}}}})")});
+  EXPECT_EQ(set.exit, 0) << set.err;
+  EXPECT_EQ(set.out, "SmartNIC configuration staged for the next boot.\n");
+
+  Outcome bad = Run({"smartnic", "set", UserFile("bad.json", "{\"system\": ")});
+  EXPECT_EQ(bad.exit, 1);
+  EXPECT_EQ(bad.err, "error 2080: Failed to parse JSON String\n");
+  Outcome usage = Run({"smartnic"});
+  EXPECT_EQ(usage.exit, 2);
+}
+
+TEST_F(QenConfigTest, TelemetryItemsAsTextOrJsonWithTheReturnedIndex) {
+  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  Outcome text = Run({"telemetry", "--exclude", "configManagerQenConfig,configManagerConfigStoreMetrics",
+                      "--start", "1", "--index", "0"});
+  ASSERT_EQ(text.exit, 0) << text.err;
+  EXPECT_NE(text.out.find("configManagerQenBiosUuid: 4c4c4544-0042-3510-8052-b4c04f4a4b32\n"),
+            std::string::npos)
+      << text.out;
+  EXPECT_EQ(text.out.find("configManagerRowCount"), std::string::npos);  // below the start index
+  EXPECT_EQ(text.out.substr(text.out.size() - 14), "next index: 7\n");
+
+  Outcome json = Run({"telemetry", "--include", "configManagerQenBiosUuid,configManagerConfigStoreMetrics",
+                      "--index", "5", "--max", "1", "--json"});
+  ASSERT_EQ(json.exit, 0) << json.err;
+  EXPECT_EQ(json.out, "{\n   \"items\": {\n      \"configManagerQenBiosUuid\": "
+                      "\"4c4c4544-0042-3510-8052-b4c04f4a4b32\"\n   },\n   \"index\": 6\n}\n");
+
+  Outcome lists = Run({"telemetry", "--include", "configManagerConfigStoreMetrics"});
+  ASSERT_EQ(lists.exit, 0) << lists.err;
+  EXPECT_EQ(lists.out.rfind("configManagerConfigStoreMetrics:\n  objectRows=", 0), 0u) << lists.out;
 }
 
 }  // namespace

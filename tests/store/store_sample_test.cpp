@@ -37,7 +37,8 @@ TEST_F(StoreSampleTest, SampleDescriptionLoadsWithSchemaInstanceFields) {
                      "network/dns/resolver/", "network/hosts/entry/6f1c2a9e-3b47-4d2a-9c55-0e8a4f1b7d21",
                      "network/interfaces/nic/nic0", "network/interfaces/nic/nic1",
                      "podlet/system/podlet_daemon/", "storage/nfs/mount/images",
-                     "system/boot/kernel/", "system/time/ntp/", "system/time/timezone/",
+                     "system/boot/kernel/", "system/snmp/agent/", "system/time/ntp/",
+                     "system/time/timezone/",
                      "system/users/user/root", "system/users/user/solution-agent",
                      "system/users/user/ops"}));
   EXPECT_EQ(Lines(GetDefaultUserConfigMapList(ConfigStoreObjectId("user", "users", "system"), conn)),

@@ -32,6 +32,10 @@ void Exit(int code);
 // Reads a user-named file (a path on this machine, not a host path).
 std::string ReadUserFile(const std::string& path);
 
+// Replaces a user-named file by `text` at once, readable by its owner only
+// (what the commands write carries configuration values).
+void WriteUserFile(const std::string& path, const std::string& text);
+
 // Whether stderr is a terminal (progress lines are only drawn there).
 bool StderrIsTerminal();
 

@@ -37,6 +37,11 @@ std::string ReadUserFile(const std::string& path) {
   return text;
 }
 
+void WriteUserFile(const std::string& path, const std::string& text) {
+  if (!QenPlatform::ReplaceFile(path, text, 0600))
+    throw std::runtime_error("cannot write file \"" + path + "\": " + std::strerror(errno));
+}
+
 int Run(const std::function<int()>& body) {
   try {
     return body();

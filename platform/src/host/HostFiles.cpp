@@ -49,6 +49,24 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
+bool ReplaceFile(const std::string& path, const std::string& text, int mode) {
+  const std::string temporary = path + ".new";
+  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  // The umask filters open's mode; the caller decides the file's mode.
+  bool ok = WriteAll(fd, text.data(), text.size()) && ::fchmod(fd, static_cast<mode_t>(mode)) == 0;
+  int err = errno;
+  if (::close(fd) != 0 && ok) {
+    ok = false;
+    err = errno;
+  }
+  if (ok && ::rename(temporary.c_str(), path.c_str()) == 0) return true;
+  if (ok) err = errno;
+  ::unlink(temporary.c_str());
+  errno = err;
+  return false;
+}
+
 bool ReadHostJson(const std::string& logical, rapidjson::Document& doc, std::string* error) {
   std::string text;
   if (!ReadWholeFile(HostPath(logical), text)) {

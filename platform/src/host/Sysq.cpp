@@ -1,13 +1,12 @@
 #include "Sysq.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <new>
 #include <string>
-#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <vector>
-
-#include <boost/filesystem.hpp>
 
 #include "HostFiles.h"
 #include "HostRoot.h"
@@ -22,58 +21,29 @@ bool LoadState(rapidjson::Document& doc) {
   return QenPlatform::ReadHostJson(Sysq_STATE_FILE, doc, nullptr);
 }
 
-// Pages of 4 KiB that the regular files below `logicalDir` occupy.
-void MeasureRamdisk(const std::string& logicalDir, Ramvol_SysqRamStats& stats) {
-  namespace fs = boost::filesystem;
-  const uint64_t page = 4096;
-  boost::system::error_code ec;
-  fs::recursive_directory_iterator it(QenPlatform::HostPath(logicalDir), ec), end;
-  for (; !ec && it != end; it.increment(ec)) {
-    struct stat st;
-    if (::lstat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-    const uint64_t bytes = static_cast<uint64_t>(st.st_blocks) * 512;
-    stats.usedPages += (bytes + page - 1) / page;
-    ++stats.fileCount;
-  }
+// The figures of the file system that holds `logicalDir`.
+int MeasureFileSystem(const std::string& logicalDir, Ramvol_SysqRamStats& stats) {
+  struct statvfs fs;
+  if (::statvfs(QenPlatform::HostPath(logicalDir).c_str(), &fs) != 0) return SYSQ_ERR_NOT_FOUND;
+  const uint64_t mib = 1024 * 1024, page = 4096;
+  const uint64_t unit = fs.f_frsize ? fs.f_frsize : fs.f_bsize;
+  const uint64_t size = static_cast<uint64_t>(fs.f_blocks) * unit;
+  const uint64_t used = static_cast<uint64_t>(fs.f_blocks - fs.f_bfree) * unit;
+  stats.reservedMiB = static_cast<uint32_t>(std::min<uint64_t>(size / mib, UINT32_MAX));
+  stats.usedPages = (used + page - 1) / page;
+  return SYSQ_OK;
 }
 
-int GetRamdiskStats(const rapidjson::Document& doc, const void* instance, void* buffer,
-                    size_t size) {
+int GetRamdiskStats(const void* instance, void* buffer, size_t size) {
   const Sysq_ParamList* params = static_cast<const Sysq_ParamList*>(instance);
   if (!params || params->values.size() != 1 || size < sizeof(Ramvol_SysqRamStats))
     return SYSQ_ERR_BAD_PARAM;
-  const std::string& name = params->values[0];
-  uint32_t reserved = Sysq_CONFIGSTORE_RESERVED_MIB;
-  std::string mount = Sysq_CONFIGSTORE_MOUNT;
-  bool known = name == "configstore";
-  auto ramdisks = doc.FindMember("ramdisks");
-  if (ramdisks != doc.MemberEnd() && ramdisks->value.IsObject()) {
-    auto entry = ramdisks->value.FindMember(name.c_str());
-    if (entry != ramdisks->value.MemberEnd()) {
-      const rapidjson::Value& disk = entry->value;
-      if (!disk.IsObject()) return SYSQ_ERR_NOT_FOUND;
-      auto reservedMiB = disk.FindMember("reservedMiB");
-      if (reservedMiB != disk.MemberEnd()) {
-        if (!reservedMiB->value.IsUint()) return SYSQ_ERR_NOT_FOUND;
-        reserved = reservedMiB->value.GetUint();
-      }
-      auto dir = disk.FindMember("mount");
-      if (dir != disk.MemberEnd()) {
-        if (!dir->value.IsString()) return SYSQ_ERR_NOT_FOUND;
-        mount = dir->value.GetString();
-      } else if (!known) {
-        return SYSQ_ERR_NOT_FOUND;
-      }
-      known = true;
-    }
-  }
-  if (!known) return SYSQ_ERR_NOT_FOUND;
+  if (params->values[0] != "configstore") return SYSQ_ERR_NOT_FOUND;
   Ramvol_SysqRamStats stats;
   std::memset(&stats, 0, sizeof stats);
-  stats.reservedMiB = reserved;
-  MeasureRamdisk(mount, stats);
-  std::memcpy(buffer, &stats, sizeof stats);
-  return SYSQ_OK;
+  int rc = MeasureFileSystem(Sysq_CONFIGSTORE_MOUNT, stats);
+  if (rc == SYSQ_OK) std::memcpy(buffer, &stats, sizeof stats);
+  return rc;
 }
 
 }  // namespace
@@ -110,7 +80,7 @@ int Sysq_Get(Sysq_Node node, const void* instance, void* buffer, size_t size) {
       return SYSQ_OK;
     }
     case Sysq_NODE_system_ramvol_ramdisks_stats:
-      return GetRamdiskStats(doc, instance, buffer, size);
+      return GetRamdiskStats(instance, buffer, size);
     default:
       return SYSQ_ERR_NOT_FOUND;
   }

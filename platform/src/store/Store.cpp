@@ -256,18 +256,34 @@ ConfigMapList GetDesiredSmartnicConfiguration(const std::shared_ptr<DBStore::Sto
   return DesiredContents(conn, kSmartnic);
 }
 
-ConfigMapVector GetDefaultUserConfigMapList(const ConfigStoreObjectId& id,
-                                          const std::shared_ptr<DBStore::StoreConnection>& conn) {
+namespace {
+
+ConfigMapVector DefaultMaps(const ConfigStoreObjectId& id,
+                            const std::shared_ptr<DBStore::StoreConnection>& conn,
+                            const char* scope) {
   Impl& impl = Of(conn);
   std::lock_guard<std::recursive_mutex> lock(impl.mutex);
   Cursor c(impl,
            "SELECT component, grp, name, identifier, default_value, autoconf_value"
-           " FROM config_object WHERE scope = 'host' AND component = ?1 AND grp = ?2 AND"
+           " FROM config_object WHERE scope = ?5 AND component = ?1 AND grp = ?2 AND"
            " name = ?3 AND (?4 IS NULL OR identifier = ?4) AND default_value IS NOT NULL"
            " ORDER BY ordinal, identifier");
   c.Bind(1, id.GetComponent()).Bind(2, id.GetGroup()).Bind(3, id.GetKey());
   if (id.GetInstanceId().empty()) c.BindNull(4); else c.Bind(4, id.GetInstanceId());
+  c.Bind(5, std::string(scope));
   return *ReadMaps(c);
+}
+
+}  // namespace
+
+ConfigMapVector GetDefaultUserConfigMapList(const ConfigStoreObjectId& id,
+                                          const std::shared_ptr<DBStore::StoreConnection>& conn) {
+  return DefaultMaps(id, conn, kHost);
+}
+
+ConfigMapVector GetDefaultSmartnicConfigMapList(const ConfigStoreObjectId& id,
+                                              const std::shared_ptr<DBStore::StoreConnection>& conn) {
+  return DefaultMaps(id, conn, kSmartnic);
 }
 
 std::shared_ptr<ConfigStoreObject> GetDefaultUserConfigInternal(
