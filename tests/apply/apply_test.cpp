@@ -141,6 +141,17 @@ std::vector<std::string> Outcomes(const std::vector<ApplyTaskOutcome>& tasks) {
   return out;
 }
 
+// "<code> <message>" of the E that applying `check` throws.
+template <typename E>
+std::string Refusal(const std::shared_ptr<CheckApplyResult>& check) {
+  try {
+    Apply(check, TaskHandle::Dummy());
+  } catch (const E& e) {
+    return std::to_string(e.GetErrorCode()) + " " + e.what();
+  }
+  return "no refusal";
+}
+
 class ApplyTest : public QenTest::CustomHostTest {
  protected:
   void SetUp() override {
@@ -306,13 +317,7 @@ TEST_F(ApplyTest, BootRunsOnlyBootCapablePlugins) {
 TEST_F(ApplyTest, RecheckTransitions) {
   const std::string doc = Doc(R"({"v": 1})", R"([{"name": "b0", "v": 1}, {"name": "b1", "v": 5}])");
   EXPECT_FALSE(Check(Doc()));
-  try {
-    Apply(nullptr, TaskHandle::Dummy());
-    ADD_FAILURE() << "no refusal";
-  } catch (const ConfigManagerException& e) {
-    EXPECT_EQ(e.GetErrorCode(), 2024);
-    EXPECT_STREQ(e.what(), "The Apply API was invoked without valid input.");
-  }
+  EXPECT_EQ(Refusal<ConfigManagerException>(nullptr), "2024 The Apply API was invoked without valid input.");
   EXPECT_TRUE(log_.Contains(0, "Apply invoked with empty check apply result."));
 
   // Maintenance mode no longer needed: applied without asking the host.
@@ -335,13 +340,7 @@ TEST_F(ApplyTest, RecheckTransitions) {
   WriteFile("/tmp/applied.txt", "");
   check = Check(doc);
   WriteFile("/tmp/impact.txt", "2");
-  try {
-    Apply(check, TaskHandle::Dummy());
-    ADD_FAILURE() << "no refusal";
-  } catch (const InvalidImpact& e) {
-    EXPECT_EQ(e.GetErrorCode(), 2025);
-    EXPECT_STREQ(e.what(), "The impact result is not applicable anymore.");
-  }
+  EXPECT_EQ(Refusal<InvalidImpact>(check), "2025 The impact result is not applicable anymore.");
   EXPECT_TRUE(log_.Contains(0, "Impact reported by CheckApply() is no longer applicable, abort. old_impact=0, new_impact=2"));
 
   // Reboot both times: staged for the next boot, no plugin run.
@@ -359,13 +358,7 @@ TEST_F(ApplyTest, MaintenanceModeAndImpactFailures) {
   const std::string doc = Doc(R"({"v": 1})", R"([{"name": "b0", "v": 1}, {"name": "b1", "v": 5}])");
   WriteFile("/tmp/impact.txt", "1");
   auto check = Check(doc);
-  try {
-    Apply(check, TaskHandle::Dummy());
-    ADD_FAILURE() << "no refusal";
-  } catch (const HostNotInMM& e) {
-    EXPECT_EQ(e.GetErrorCode(), 2026);
-    EXPECT_STREQ(e.what(), "The host must be in maintenance mode for apply to proceed.");
-  }
+  EXPECT_EQ(Refusal<HostNotInMM>(check), "2026 The host must be in maintenance mode for apply to proceed.");
   EXPECT_EQ(Applied(), std::vector<std::string>{});
 
   WriteFile("/tmp/impact.txt", "fail");
@@ -388,12 +381,7 @@ TEST_F(ApplyTest, MaintenanceModeAndImpactFailures) {
 
   auto broken = std::make_shared<CheckApplyResult>(NO_IMPACT, Parse(doc), check->GetTimestamp(),
                                                    QUICKBOOT_UNSUPPORTED, "", "{");
-  try {
-    Apply(broken, TaskHandle::Dummy());
-    ADD_FAILURE() << "no refusal";
-  } catch (const InvalidImpact& e) {
-    EXPECT_EQ(e.GetErrorCode(), 2025);
-  }
+  EXPECT_EQ(Refusal<InvalidImpact>(broken), "2025 The impact result is not applicable anymore.");
   EXPECT_TRUE(log_.Contains(0, "Drift cache failed to initialize."));
 }
 
