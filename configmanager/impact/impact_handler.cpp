@@ -6,7 +6,6 @@
 #include <boost/container_hash/hash.hpp>
 
 #include "CSLogger.h"
-#include "PluginSupport.h"
 #include "configmanager/impact.h"
 
 namespace QenConfigManager {

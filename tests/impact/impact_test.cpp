@@ -23,6 +23,7 @@ const char* kOptsSchema = R"({
     "flag": {"type": "boolean", "maintenanceModeRequired": {"SET": [true]}},
     "mode": {"type": "string", "rebootRequired": {"SET": ["strict"]}, "maintenanceModeRequired": {"SET": []}},
     "tags": {"type": "array", "items": {"type": "string", "rebootRequired": {"SET": []}}},
+    "secret": {"type": "string", "sensitive": true, "maintenanceModeRequired": {"SET": ["s3cret"]}},
     "rules": {"type": "array", "instanceId": "name", "items": {"type": "object", "properties": {
       "name": {"type": "string"}, "level": {"type": "integer", "rebootRequired": {"SET": [9]}}}}}}}})";
 
@@ -152,6 +153,13 @@ TEST_F(ImpactTest, MatchesAreLoggedWithTheirPaths) {
   for (const auto& line : log_.Texts(2)) EXPECT_EQ(line.find(">>> DesiredDouble"), std::string::npos) << line;
   Run(Document(Opts("ratio", "5.0")));
   EXPECT_TRUE(log_.Contains(2, ">>> DesiredDouble: 5.000000"));
+
+  // A sensitive value is weighed, never logged.
+  log_.Clear();
+  EXPECT_EQ(Run(Document(Opts("secret", "\"s3cret\""))).impact, MAINTENANCE_MODE_REQUIRED);
+  EXPECT_EQ(Run(Document(Opts("secret", "\"hunter2\""))).impact, NO_IMPACT);
+  EXPECT_TRUE(log_.Contains(2, ">>> DesiredStr: (sensitive)"));
+  for (const auto& line : log_.Lines()) EXPECT_EQ(line.second.find("hunter2"), std::string::npos) << line.second;
 
   log_.Clear();
   Run(Document(Opts("count", "1"), "[]"));
