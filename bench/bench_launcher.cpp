@@ -12,7 +12,6 @@
 #include <benchmark/benchmark.h>
 
 #include <spawn.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <boost/filesystem.hpp>
@@ -29,8 +28,11 @@
 #include "HostRootTest.h"
 #include "QenConfigStore.h"
 #include "configmanager/plugin.h"
+#include "paired.h"
 
 using namespace QenConfigManager;
+using QenBench::CpuNow;
+using QenBench::Paired;
 
 namespace {
 
@@ -75,46 +77,6 @@ void SetUpHost() {
                                               R"({"servers":["192.0.2.1"],"search":["example.com"]})");
   input.operation = "SET";
   g_inputs = {input};
-}
-
-// The machine these run on is shared: a baseline measured minutes apart from
-// its subject can see a different load. Paired benchmarks therefore alternate
-// subject and baseline within every iteration and report the ratio of the
-// summed wall times ("wall_ratio") and of the summed CPU times of caller and
-// children ("cpu_ratio"), the latter being insensitive to waiting for a core.
-double CpuNow() {
-  struct rusage self, children;
-  getrusage(RUSAGE_SELF, &self);
-  getrusage(RUSAGE_CHILDREN, &children);
-  auto sec = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
-  return sec(self.ru_utime) + sec(self.ru_stime) + sec(children.ru_utime) + sec(children.ru_stime);
-}
-
-template <typename Subject, typename Baseline>
-void Paired(benchmark::State& state, Subject subject, Baseline baseline) {
-  double wallSubject = 0, wallBase = 0, cpuSubject = 0, cpuBase = 0;
-  for (auto _ : state) {
-    auto t0 = std::chrono::steady_clock::now();
-    double c0 = CpuNow();
-    if (!subject()) {
-      state.SkipWithError("subject failed");
-      break;
-    }
-    auto t1 = std::chrono::steady_clock::now();
-    double c1 = CpuNow();
-    baseline();
-    auto t2 = std::chrono::steady_clock::now();
-    double c2 = CpuNow();
-    wallSubject += std::chrono::duration<double>(t1 - t0).count();
-    wallBase += std::chrono::duration<double>(t2 - t1).count();
-    cpuSubject += c1 - c0;
-    cpuBase += c2 - c1;
-  }
-  double n = static_cast<double>(state.iterations());
-  state.counters["subject_us"] = wallSubject / n * 1e6;
-  state.counters["base_us"] = wallBase / n * 1e6;
-  state.counters["wall_ratio"] = wallBase > 0 ? wallSubject / wallBase : 0;
-  state.counters["cpu_ratio"] = cpuBase > 0 ? cpuSubject / cpuBase : 0;
 }
 
 bool Spawn(std::vector<std::string> argv) {
@@ -188,53 +150,19 @@ BENCHMARK(BM_CppPluginBigVsSmallCaller)->Unit(benchmark::kMicrosecond)->Iteratio
 BENCHMARK(BM_PythonPluginVsImportJson)->Unit(benchmark::kMicrosecond)->Iterations(100);
 BENCHMARK(BM_PythonPluginVsPass)->Unit(benchmark::kMicrosecond)->Iterations(100);
 
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const auto& run : runs) {
-      if (run.run_type == Run::RT_Iteration && !run.error_occurred) results.push_back(run);
-    }
-  }
-  std::vector<Run> results;
-};
-
-struct Goal {
-  const char* benchmark;
-  const char* label;
-  double goal;  // 0: reported only
-};
-const Goal kGoals[] = {{"BM_CppPluginVsSpawnTrue", "cpp/spawn", 2.0},
-                       {"BM_CppPluginBigVsSmallCaller", "big/small", 1.1},
-                       {"BM_PythonPluginVsImportJson", "python/json", 1.15},
-                       {"BM_PythonPluginVsPass", "python/pass", 0}};
-
-void PrintRatios(const RatioReporter& reporter) {
-  std::printf("\n%-12s %10s %10s %10s %10s  %s\n", "ratio", "subject us", "base us", "wall", "cpu", "goal");
-  for (const auto& run : reporter.results) {
-    for (const Goal& g : kGoals) {
-      if (run.benchmark_name().rfind(g.benchmark, 0) != 0) continue;
-      auto c = [&](const char* name) { return static_cast<double>(run.counters.at(name)); };
-      double cpu = c("cpu_ratio");
-      std::printf("%-12s %10.0f %10.0f %9.2fx %9.2fx  ", g.label, c("subject_us"), c("base_us"), c("wall_ratio"),
-                  cpu);
-      if (g.goal > 0) {
-        std::printf("<= %.2fx (cpu %s)\n", g.goal, cpu <= g.goal ? "met" : "missed");
-      } else {
-        std::printf("reported\n");
-      }
-    }
-  }
-}
+const std::vector<QenBench::Goal> kGoals = {{"BM_CppPluginVsSpawnTrue", "cpp/spawn", 2.0},
+                                            {"BM_CppPluginBigVsSmallCaller", "big/small", 1.1},
+                                            {"BM_PythonPluginVsImportJson", "python/json", 1.15},
+                                            {"BM_PythonPluginVsPass", "python/pass", 0}};
 
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   SetUpHost();
-  RatioReporter reporter;
+  QenBench::PairedReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  PrintRatios(reporter);
+  QenBench::PrintRatios(reporter, kGoals);
   g_cpp.reset();
   g_python.reset();
   boost::system::error_code ec;
