@@ -42,6 +42,11 @@ class JsonDoc {
   const rapidjson::Document& GetDocument() const { return doc_; }
   rapidjson::Document::AllocatorType& GetAllocator() { return doc_.GetAllocator(); }
 
+ protected:
+  // A document that allocates from `allocator`, which the derived class owns
+  // and constructs before this base (it must outlive the document).
+  explicit JsonDoc(rapidjson::Document::AllocatorType* allocator) : doc_(allocator) {}
+
  private:
   rapidjson::Document doc_;
 };
@@ -110,6 +115,8 @@ class StoreObject {
  public:
   explicit StoreObject(ConfigStoreObjectId id);
   StoreObject(ConfigStoreObjectId id, const rapidjson::Value& value);  // deep copy
+  // Takes over a document that already holds the value.
+  StoreObject(ConfigStoreObjectId id, std::shared_ptr<JsonDoc> doc);
   virtual ~StoreObject();
   StoreObject(const StoreObject&) = delete;
   StoreObject& operator=(const StoreObject&) = delete;

@@ -16,6 +16,7 @@ namespace {
 const ConfigStoreObjectId kResolver("resolver", "dns", "network");
 const ConfigStoreObjectId kNtp("ntp", "time", "system");
 const ConfigStoreObjectId kMount("mount", "nfs", "storage");
+const ConfigStoreObjectId kKernel("kernel", "boot", "system");
 
 class SamplePluginsTest : public QenTest::PluginHostTest {
  protected:
@@ -159,9 +160,12 @@ TEST_F(SamplePluginsTest, NfsMountsLiveInFstabBesideOtherFileSystems) {
   EXPECT_EQ(extracted.objects[0]->GetConfigStoreObjectId(), ConfigStoreObjectId("mount", "nfs", "storage", "backup"));
   EXPECT_EQ(extracted.objects[0]->GetSerializedData(), backup);
 
+  EXPECT_EQ(Current(ConfigStoreObjectId("mount", "nfs", "storage", "media")), media);
+
   EXPECT_TRUE(nfs.Apply({Input("storage", "nfs", "mount", "backup", backup, "DELETE")}, "", PluginMonitor::Dummy())
                   .msgId.empty());
   EXPECT_EQ(ReadFile("/etc/fstab"), "UUID=1 / ext4 defaults 0 1\nnas:/srv/media /mnt/nfs/media nfs rw,_netdev 0 0\n");
+  EXPECT_EQ(Current(ConfigStoreObjectId("mount", "nfs", "storage", "backup")), "<none>");
 
   auto invalid = nfs.Validate({Object(ConfigStoreObjectId("mount", "nfs", "storage", "x"),
                                       R"({"name":"x","server":"nas","export":"srv"})")},
@@ -179,14 +183,44 @@ TEST_F(SamplePluginsTest, NicFilesFollowTheirInstances) {
                   .msgId.empty());
   EXPECT_EQ(ReadFile("/etc/network/interfaces.d/eth0"),
             "# Written by the configuration manager; edits are replaced.\nauto eth0\niface eth0 inet manual\n    mtu 9000\n");
+  const ConfigStoreObjectId eth0Id("nic", "interfaces", "network", "eth0");
+  EXPECT_EQ(Current(eth0Id), eth0);
   EXPECT_TRUE(nic.Apply({Input("network", "interfaces", "nic", "eth0", eth0, "DELETE")}, "", PluginMonitor::Dummy())
                   .msgId.empty());
   EXPECT_FALSE(Exists("/etc/network/interfaces.d/eth0"));
+  EXPECT_EQ(Current(eth0Id), "<none>");
 
   ErrorInfo bad = nic.Apply({Input("network", "interfaces", "nic", "x", R"({"name":"../../etc/passwd"})", "ADD")}, "",
                             PluginMonitor::Dummy());
   EXPECT_EQ(bad.msgId, "corvane.qen.settings.nic.invalid-name");
   EXPECT_EQ(bad.args, std::list<std::string>{"../../etc/passwd"});
+}
+
+TEST_F(SamplePluginsTest, KernelOptionsGoToTheBootCommandLine) {
+  Plugin kernel = Sample("system/boot/kernel");
+  EXPECT_EQ(kernel.GetModule(), "libsystem_boot_kernel.so");
+  EXPECT_TRUE(kernel.CheckType(QenConfigManager::PLUGIN_APPLY_BOOT));
+  // No file: the boot loader's defaults.
+  auto before = kernel.Extract({kKernel}, "", PluginMonitor::Dummy());
+  ASSERT_EQ(before.objects.size(), 1u) << before.errorInfo.msgId;
+  EXPECT_EQ(before.objects[0]->GetSerializedData(), R"({"iommu":false,"cmdline":"","consoleLogLevel":4})");
+
+  const std::string desired = R"({"iommu":true,"cmdline":"quiet  hugepages=64","consoleLogLevel":2})";
+  EXPECT_EQ(kernel.Apply({Input("system", "boot", "kernel", "", desired, "SET")}, "", PluginMonitor::Dummy()),
+            ErrorInfo("", {}, "Kernel boot options"));
+  EXPECT_EQ(ReadFile("/etc/kernel/cmdline"), "iommu=on loglevel=2 quiet  hugepages=64\n");
+  EXPECT_EQ(Current(kKernel), desired);
+  EXPECT_EQ(kernel.Extract({kKernel}, "", PluginMonitor::Dummy()).objects[0]->GetSerializedData(), desired);
+
+  // A hand-written line without the managed words is all command line.
+  WriteFile("/etc/kernel/cmdline", "loglevel=9 iommu=on\n");
+  EXPECT_EQ(kernel.Extract({kKernel}, "", PluginMonitor::Dummy()).objects[0]->GetSerializedData(),
+            R"({"iommu":false,"cmdline":"loglevel=9 iommu=on","consoleLogLevel":4})");
+
+  EXPECT_TRUE(kernel.Apply({Input("system", "boot", "kernel", "", desired, "DELETE")}, "", PluginMonitor::Dummy())
+                  .msgId.empty());
+  EXPECT_FALSE(Exists("/etc/kernel/cmdline"));
+  EXPECT_EQ(Current(kKernel), "<none>");
 }
 
 }  // namespace

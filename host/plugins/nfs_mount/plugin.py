@@ -62,6 +62,7 @@ def extract(call):
 
 def apply(call):
     lines = _read_lines()
+    applied = []
     for item in call.request.GetData():
         value = item.object.GetValue()
         name = value.get("name") or item.object.GetConfigStoreObjectId().instance
@@ -71,7 +72,16 @@ def apply(call):
         if item.operation != "DELETE":
             kept.append(_line(dict(value, name=name)))
         lines = kept
+        applied.append((item, dict(value, name=name)))
     _write_lines(lines)
+    # Recorded once fstab holds every change, so the store never claims a
+    # mount the file lacks.
+    for item, value in applied:
+        object_id = item.object.GetConfigStoreObjectId()
+        if item.operation == "DELETE":
+            call.store.DeleteObject(object_id)
+        else:
+            call.store.SetObject(object_id, value)
 
 
 def impact(call):

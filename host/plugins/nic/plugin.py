@@ -1,6 +1,8 @@
 """network/interfaces/nic: one file per interface in /etc/network/interfaces.d/.
 
-Instance value: {"name": "eth0", "mtu": 1500, "enabled": true}.
+Instance value: {"name": "eth0", "mtu": 1500, "enabled": true}. The key has
+no extract plugin: what was applied is recorded in the store as the
+instance's current value.
 """
 
 import os
@@ -29,6 +31,7 @@ def apply(call):
                 os.remove(path)
             except FileNotFoundError:
                 pass
+            call.store.DeleteObject(object_id)
             continue
         text = "# Written by the configuration manager; edits are replaced.\n"
         if value.get("enabled", True):
@@ -38,3 +41,4 @@ def apply(call):
         with open(path + ".new", "w") as stream:
             stream.write(text)
         os.replace(path + ".new", path)
+        call.store.SetObject(object_id, value)
