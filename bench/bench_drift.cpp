@@ -140,24 +140,31 @@ double MemoryRatio(int keys, long* docsKb, long* extraKb) {
   return static_cast<double>(figures[1]) / figures[0];
 }
 
-// Keeps every result's real time per iteration for the ratios.
+// Keeps every measured run's CPU time per iteration for the ratios: with
+// --benchmark_repetitions each repetition is one run, and a benchmark's time
+// is their mean. Aggregate rows (mean, median, stddev, cv) are the console's
+// only; keyed by name they would overwrite the measured runs.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      // Keyed without the "/min_warmup_time:..." suffix.
-      std::string name = run.benchmark_name();
-      const size_t at = name.find("/min_warmup_time:");
-      if (at != std::string::npos) name.erase(at);
-      times[name] = run.GetAdjustedCPUTime();
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      // Keyed by the benchmark's own name, without "/min_warmup_time:...",
+      // "/repeats:..." and the like.
+      std::string name = run.run_name.function_name;
+      if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
+      times[name].push_back(run.GetAdjustedCPUTime());
     }
     ConsoleReporter::ReportRuns(runs);
   }
   double Time(const std::string& name) const {
     auto it = times.find(name);
-    return it == times.end() ? 0 : it->second;
+    if (it == times.end() || it->second.empty()) return 0;
+    double sum = 0;
+    for (double t : it->second) sum += t;
+    return sum / static_cast<double>(it->second.size());
   }
-  std::map<std::string, double> times;
+  std::map<std::string, std::vector<double>> times;
 };
 
 constexpr double kWarmUp = 0.05;  // seconds

@@ -16,10 +16,22 @@ namespace QenBench {
 // CPU seconds of this process and its waited-for children so far.
 double CpuNow();
 
+// Durations of single subject calls: reported as the counters "max_us" (the
+// slowest call) and "p99_us" (99th percentile, nearest rank).
+class CallTimes {
+ public:
+  void Add(double seconds) { times_.push_back(seconds); }
+  void Report(benchmark::State& state);
+
+ private:
+  std::vector<double> times_;
+};
+
 // `subject` returns false to stop the benchmark with an error.
 template <typename Subject, typename Baseline>
 void Paired(benchmark::State& state, Subject subject, Baseline baseline) {
   double wallSubject = 0, wallBase = 0, cpuSubject = 0, cpuBase = 0;
+  CallTimes calls;
   for (auto _ : state) {
     auto t0 = std::chrono::steady_clock::now();
     double c0 = CpuNow();
@@ -32,6 +44,7 @@ void Paired(benchmark::State& state, Subject subject, Baseline baseline) {
     baseline();
     auto t2 = std::chrono::steady_clock::now();
     double c2 = CpuNow();
+    calls.Add(std::chrono::duration<double>(t1 - t0).count());
     wallSubject += std::chrono::duration<double>(t1 - t0).count();
     wallBase += std::chrono::duration<double>(t2 - t1).count();
     cpuSubject += c1 - c0;
@@ -42,6 +55,7 @@ void Paired(benchmark::State& state, Subject subject, Baseline baseline) {
   state.counters["base_us"] = wallBase / n * 1e6;
   state.counters["wall_ratio"] = wallBase > 0 ? wallSubject / wallBase : 0;
   state.counters["cpu_ratio"] = cpuBase > 0 ? cpuSubject / cpuBase : 0;
+  calls.Report(state);
 }
 
 // Keeps the paired runs for the ratio table.
@@ -57,8 +71,8 @@ struct Goal {
   double goal;  // 0: reported only
 };
 
-// One line per paired run that a goal names: times, ratios, goal met or not
-// (judged on the CPU ratio).
+// One line per paired run that a goal names: times, ratios, the slowest call
+// and the 99th percentile, goal met or not (judged on the CPU ratio).
 void PrintRatios(const PairedReporter& reporter, const std::vector<Goal>& goals);
 
 }  // namespace QenBench

@@ -24,13 +24,10 @@ struct Step {
 // `unmatched` (sorted); those tasks never run.
 std::vector<Step> RunOrder(const PluginManager& manager, const PluginTaskMap& tasks,
                            std::vector<std::string>& unmatched) {
-  const ApplyProviderIndex providers = ApplyProviders(manager);
   std::vector<Step> order;
   std::unordered_set<std::string> placed;
   for (const std::string& name : manager.GetDependencies()) {
-    auto it = providers.find(name);
-    if (it == providers.end()) continue;
-    for (const ApplyProvider& provider : it->second) {
+    for (const ApplyOperationRef& provider : manager.GetProviders(name)) {
       std::string key = provider.operation + ":" + provider.plugin->GetId();
       if (tasks.count(key) && placed.insert(key).second) order.push_back({name, std::move(key)});
     }
@@ -48,24 +45,6 @@ std::vector<Step> RunOrder(const PluginManager& manager, const PluginTaskMap& ta
 
 std::string ApplyTaskKey(const Plugin& plugin, const std::string& operation) {
   return (plugin.GetVersion() == 3 ? std::string("REMEDIATE") : operation) + ":" + plugin.GetId();
-}
-
-ApplyProviderIndex ApplyProviders(const PluginManager& manager) {
-  std::vector<std::shared_ptr<Plugin>> plugins = manager.GetPlugins();
-  std::sort(plugins.begin(), plugins.end(),
-            [](const auto& a, const auto& b) { return a->GetId() < b->GetId(); });
-  ApplyProviderIndex index;
-  for (const auto& plugin : plugins) {
-    if (plugin->GetVersion() == 3) {
-      PluginApplyOperation remediate;
-      plugin->GetRemediateOperation(remediate);
-      index[remediate.provides].push_back({plugin, remediate.name});
-    } else if (plugin->GetVersion() >= 0 && plugin->GetVersion() <= 2) {
-      for (const PluginApplyOperation& operation : plugin->GetOperations())
-        index[operation.provides].push_back({plugin, operation.name});
-    }
-  }
-  return index;
 }
 
 ErrorInfo ExecuteApplyTasks(const DesiredConfigInputList& inputs, const std::string& context,

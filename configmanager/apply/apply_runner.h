@@ -43,14 +43,4 @@ DesiredConfigInputList GenerateApplyTasks(rapidjson::Document& desired,
 // "REMEDIATE:<id>" for a version-3 plugin, else "<operation>:<id>".
 std::string ApplyTaskKey(const Plugin& plugin, const std::string& operation);
 
-// An apply operation of a plugin, found by the service it provides.
-struct ApplyProvider {
-  std::shared_ptr<Plugin> plugin;
-  std::string operation;  // "REMEDIATE" for version 3, else the operation's name
-};
-// Service name -> the operations that provide it, by plugin identifier and
-// then in the manifest's operation order.
-typedef std::unordered_map<std::string, std::vector<ApplyProvider>> ApplyProviderIndex;
-ApplyProviderIndex ApplyProviders(const PluginManager& manager);
-
 }  // namespace QenConfigManager

@@ -60,8 +60,7 @@ ApplyResult Apply(std::shared_ptr<CheckApplyResult> checkResult, std::shared_ptr
   ImpactHandler handler(DRIFT_CACHE_REPLAY);
   if (!checkResult->GetDriftCache().empty()) {
     rapidjson::Document cache;
-    cache.Parse(checkResult->GetDriftCache().c_str(), checkResult->GetDriftCache().size());
-    if (cache.HasParseError() || !cache.IsObject()) {
+    if (!QenPlatform::ParseJson(checkResult->GetDriftCache(), cache) || !cache.IsObject()) {
       CSLogger::Log(0, "Drift cache failed to initialize.");
       ThrowException<InvalidImpact>(IMPACT_INVALID);
     }

@@ -11,7 +11,6 @@
 #include "CSLogger.h"
 #include "HostFiles.h"
 #include "HostRoot.h"
-#include "common/parse.h"
 #include "configmanager/common.h"
 
 namespace QenConfigManager {
@@ -41,7 +40,7 @@ void CreateDocumentFromFile(const char* path, rapidjson::Document& doc) {
   // A missing, unreadable or empty file reads as "", a parse error like any other.
   std::string text;
   if (!QenPlatform::ReadWholeFile(QenPlatform::HostPath(logical), text)) text.clear();
-  if (!ParseJsonText(text, doc)) ThrowException<ConfigManagerException>(PARSE_ERROR, logical);
+  if (!QenPlatform::ParseJson(text, doc)) ThrowException<ConfigManagerException>(PARSE_ERROR, logical);
 }
 
 void CreateFileFromDocument(const char* path, const rapidjson::Document& doc) {
@@ -58,13 +57,19 @@ void SerializeValue(const rapidjson::Value& value, std::string& out) { out = Qen
 
 void AddMember(rapidjson::Document* doc, rapidjson::Value* object, const std::string& name,
                rapidjson::Value* value) {
-  RAPIDJSON_ASSERT(doc != nullptr);
-  RAPIDJSON_ASSERT(object != nullptr);
-  RAPIDJSON_ASSERT(value != nullptr);
-  RAPIDJSON_ASSERT(object->IsObject());
+  // Missing arguments fail in the JSON library's own checks, as a wrong type
+  // does: a missing document has no allocator, a missing object is no
+  // object, and a missing value is null.
+  if (!doc) {
+    rapidjson::Document source, taker(std::move(source));  // source is left without an allocator
+    (void)source.GetAllocator();
+  }
+  rapidjson::Value absent;
+  rapidjson::Value& target = object ? *object : absent;
+  rapidjson::Value& moved = value ? *value : absent;
   auto& alloc = doc->GetAllocator();
   rapidjson::Value key(name.c_str(), static_cast<rapidjson::SizeType>(name.size()), alloc);
-  object->AddMember(key, *value, alloc);
+  target.AddMember(key, moved, alloc);
 }
 
 bool IsEqualArray(const rapidjson::Value& a, const rapidjson::Value& b) {

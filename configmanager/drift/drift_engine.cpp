@@ -153,8 +153,7 @@ class MemberFinder {
 class DepthGuard {
  public:
   explicit DepthGuard(int& depth) : depth_(depth) {
-    if (depth_ >= kMaxCompareDepth)
-      QenPlatform::ThrowJsonError(__FILE__, __LINE__, "depth < kMaxCompareDepth");
+    if (depth_ >= kMaxCompareDepth) ConfigStoreDocument::ThrowTooDeep();
     ++depth_;
   }
   ~DepthGuard() { --depth_; }

@@ -1,5 +1,7 @@
 // The documents that leave the host: the exported user configuration with
 // its reference host, and its telemetry form.
+#include <cstring>
+
 #include "CSLogger.h"
 #include "ConfigStoreDocument.h"
 #include "TavCtl.h"
@@ -42,8 +44,8 @@ void AddReferenceHostMetadata(const std::string& biosUuid, rapidjson::Document& 
     // A part the version does not name is null: refused by the JSON
     // library's check (1082) rather than written as an empty text.
     const char* text = member.second;
-    RAPIDJSON_ASSERT(text != 0);
-    rapidjson::Value value(text, doc.GetAllocator());
+    rapidjson::Value value(text, text ? static_cast<rapidjson::SizeType>(std::strlen(text)) : 0,
+                           doc.GetAllocator());
     rapidjson::Pointer(std::string("/metadata/reference_host/") + member.first).Set(doc, value);
   }
 }

@@ -292,8 +292,7 @@ void ProcessAutoConfig(rapidjson::Value& config, const rapidjson::Value& schema,
   if (errors.Empty()) return;
 
   rapidjson::Document autoValue;
-  autoValue.Parse(autoConfValue.c_str(), autoConfValue.size());
-  if (autoValue.HasParseError()) ThrowException<InvalidArgumentException>(PARSE_ERROR);
+  if (!QenPlatform::ParseJson(autoConfValue, autoValue)) ThrowException<InvalidArgumentException>(PARSE_ERROR);
 
   for (const rapidjson::Value& error : errors.GetArray()) {
     std::string field(error["field"].GetString(), error["field"].GetStringLength());

@@ -2,8 +2,8 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -18,9 +18,12 @@
 namespace QenConfigManager {
 namespace {
 
-// What ForkPlugin and its monitor thread share for one child.
+// What ForkPlugin and its monitor thread share for one child. `done` is
+// read and written under `mutex` only, and the thread's wait checks it as its
+// predicate, so the wake-up that ForkPlugin sends when the child has exited
+// cannot fall between the thread's check and its wait.
 struct MonitorState {
-  std::atomic<bool> done{false};
+  bool done = false;
   std::mutex mutex;
   std::condition_variable wake;
   pid_t pid = -1;
@@ -29,10 +32,14 @@ struct MonitorState {
 
 void MonitorChild(MonitorState& state) {
   CSLogger::Log(2, "Starting plugin monitor thread");
-  for (;;) {
-    if (state.done.load()) break;
-    if (state.monitor->IsAborted()) {
-      if (!state.done.load()) {
+  std::unique_lock<std::mutex> lock(state.mutex);
+  while (!state.done) {
+    // The caller's IsAborted may take its time: not under the lock.
+    lock.unlock();
+    const bool aborted = state.monitor->IsAborted();
+    lock.lock();
+    if (aborted) {
+      if (!state.done) {
         CSLogger::Log(2, "Terminating plugin process: %d", static_cast<int>(state.pid));
         if (QenPlatform::SignalProcess(state.pid, SIGTERM) != 0) {
           int err = errno;
@@ -42,11 +49,10 @@ void MonitorChild(MonitorState& state) {
       }
       break;
     }
-    // One bounded wait, no predicate: a notification ends it early, and one
-    // that came before the wait is made up by the time-out.
-    std::unique_lock<std::mutex> lock(state.mutex);
-    state.wake.wait_for(lock, std::chrono::seconds(1));
+    // The abort flag is polled about once a second.
+    state.wake.wait_for(lock, std::chrono::seconds(1), [&state] { return state.done; });
   }
+  lock.unlock();
   CSLogger::Log(2, "Stopping plugin monitor thread");
 }
 
@@ -99,6 +105,9 @@ void PluginLauncher::ForkPlugin(const std::shared_ptr<PluginMonitor>& monitor) {
   CSLogger::Log(2, "Forking plugin for id=%s", id.c_str());
   const std::string runner = QenPlatform::HostPath(type == "python" ? kPythonRunner : kCppRunner);
 
+  // Only what this runner writes may be read back as its result.
+  ::unlink(QenPlatform::HostPath(kOutputFile).c_str());
+
   MonitorState state;
   state.monitor = monitor ? monitor : PluginMonitor::Dummy();
   int spawnError = QenPlatform::SpawnProcess(runner, {runner, kResourceGroup}, &state.pid);
@@ -125,7 +134,10 @@ void PluginLauncher::ForkPlugin(const std::shared_ptr<PluginMonitor>& monitor) {
   }
   int waitError = errno;
 
-  state.done.store(true);
+  {
+    std::lock_guard<std::mutex> lock(state.mutex);
+    state.done = true;
+  }
   state.wake.notify_all();
   watcher.join();
 

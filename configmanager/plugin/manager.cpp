@@ -1,5 +1,6 @@
 // The plugin manager: loading manifests of one kind of work, the object
 // index and the apply order.
+#include <algorithm>
 #include <stdexcept>
 
 #include <boost/filesystem.hpp>
@@ -43,11 +44,15 @@ PluginManager::~PluginManager() = default;
 void PluginManager::Load(PluginType pluginType) {
   const fs::path base(QenPlatform::HostPath(directory));
   try {
+    // In path order, not the file system's: Find's order among plugins of
+    // one object follows the load order.
+    std::vector<std::string> manifests;
     for (fs::recursive_directory_iterator it(base), end; it != end; ++it) {
       if (it->path().extension() != ".json") continue;
-      const std::string logical = directory + it->path().lexically_relative(base).generic_string();
-      ProcessJson(logical.c_str(), pluginType);
+      manifests.push_back(directory + it->path().lexically_relative(base).generic_string());
     }
+    std::sort(manifests.begin(), manifests.end());
+    for (const std::string& logical : manifests) ProcessJson(logical.c_str(), pluginType);
   } catch (const fs::filesystem_error& e) {
     throw ConfigManagerException(
         UNEXPECTED_ERROR,
@@ -82,16 +87,21 @@ void PluginManager::ProcessJson(const char* filename, PluginType pluginType) {
 
 void PluginManager::BuildDependencies() {
   DependencyGraph graph = ApplyGroupTable();
-  for (const auto& [path, plugin] : plugins) {
+  providers.clear();
+  for (const auto& [path, plugin] : ById()) {
     CSLogger::Log(3, "Processing operations in %s", path.c_str());
     const std::string group = plugin->GetApplyGroup();
     const int64_t version = plugin->GetVersion();
+    std::vector<PluginApplyOperation> operations;
     if (version >= 0 && version <= 2) {
-      for (const auto& operation : plugin->GetOperations()) ProcessOperation(operation, group, graph);
+      operations = plugin->GetOperations();
     } else if (version == 3) {
-      PluginApplyOperation remediate;
-      plugin->GetRemediateOperation(remediate);
-      ProcessOperation(remediate, group, graph);
+      operations.emplace_back();
+      plugin->GetRemediateOperation(operations.back());
+    }
+    for (const auto& operation : operations) {
+      ProcessOperation(operation, group, graph);
+      providers[operation.provides].push_back({plugin, operation.name});
     }
   }
 
@@ -140,11 +150,25 @@ std::vector<std::string> PluginManager::List() const {
   return list;
 }
 
+std::vector<std::pair<std::string, std::shared_ptr<Plugin>>> PluginManager::ById() const {
+  std::vector<std::pair<std::string, std::shared_ptr<Plugin>>> all(plugins.begin(), plugins.end());
+  // Stable over the path order: plugins of one identifier stay by path.
+  std::stable_sort(all.begin(), all.end(),
+                   [](const auto& a, const auto& b) { return a.second->GetId() < b.second->GetId(); });
+  return all;
+}
+
 std::vector<std::shared_ptr<Plugin>> PluginManager::GetPlugins() const {
   std::vector<std::shared_ptr<Plugin>> all;
   all.reserve(plugins.size());
-  for (const auto& entry : plugins) all.push_back(entry.second);
+  for (auto& entry : ById()) all.push_back(std::move(entry.second));
   return all;
+}
+
+const std::vector<ApplyOperationRef>& PluginManager::GetProviders(const std::string& name) const {
+  static const std::vector<ApplyOperationRef> none;
+  auto it = providers.find(name);
+  return it == providers.end() ? none : it->second;
 }
 
 }  // namespace QenConfigManager

@@ -131,9 +131,7 @@ Plugin::Plugin(const char* filename) {
       id = segments[6] + ":" + segments[7];
       if (cpp) module = "lib" + segments[6] + "_" + segments[7] + ".so";
     }
-    const rapidjson::Value& accepts = manifest["accepts"];
-    RAPIDJSON_ASSERT(accepts.IsArray());
-    csoIds = ObjectsFromArray(accepts);
+    csoIds = ObjectsFromArray(manifest["accepts"]);
   } else {
     id = segments[6] + ":" + segments[7] + ":" + segments[8];
     std::string lib = "lib" + segments[6] + "_" + segments[7] + "_" + segments[8];

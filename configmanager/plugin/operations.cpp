@@ -1,8 +1,6 @@
 // The four plugin operations. Each runs one launcher; a failure of the run
 // (launcher, abort, unreadable result, malformed request) is folded into the
 // result's ErrorInfo and never thrown.
-#include <boost/filesystem.hpp>
-
 #include <functional>
 #include <memory>
 
@@ -10,6 +8,7 @@
 #include "HostRoot.h"
 #include "PluginSupport.h"
 #include "configmanager/plugin.h"
+#include "plugin/call_lock.h"
 
 namespace QenConfigManager {
 namespace {
@@ -60,17 +59,6 @@ void Label(ValidationPluginResult& result, const std::string& label) {
   }
 }
 
-// The request file's directory may be missing on a fresh host; a runner
-// that cannot read its request fails the call anyway, so errors are left to it.
-void PrepareRequestDirectory() {
-  boost::system::error_code ec;
-  boost::filesystem::path dir =
-      boost::filesystem::path(QenPlatform::HostPath(PluginLauncher::kInputFile)).parent_path();
-  if (boost::filesystem::create_directories(dir, ec)) {
-    boost::filesystem::permissions(dir, boost::filesystem::owner_all, ec);
-  }
-}
-
 template <typename Result>
 Result Run(const Plugin& plugin, const OperationTexts& op, const std::string& context,
            const std::shared_ptr<PluginMonitor>& callerMonitor,
@@ -79,10 +67,11 @@ Result Run(const Plugin& plugin, const OperationTexts& op, const std::string& co
   Result result;
   try {
     {
+      // Declared first, released last: after the launcher removed both files.
+      PluginCallLock lock(plugin.GetId(), *monitor);
       PluginLauncher launcher(buildRequest(), plugin.GetId(), static_cast<int>(plugin.GetVersion()),
                               op.name, plugin.GetType(), plugin.GetModule());
       const std::string taskId = monitor->GetTaskId();
-      PrepareRequestDirectory();
       launcher.request.Dump(QenPlatform::HostPath(PluginLauncher::kInputFile), taskId, context);
       launcher.ForkPlugin(monitor);
       Load(result, QenPlatform::HostPath(PluginLauncher::kOutputFile));

@@ -1,6 +1,4 @@
 // The plugin request document: built by the library, read by the runners.
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -28,6 +26,13 @@ class OrdinalCounter {
  private:
   std::unordered_map<std::string, uint64_t> counters_;
 };
+
+// An object's data text. A missing object has none: the JSON library
+// refuses the null string (code 1082).
+Value DataText(const std::shared_ptr<ConfigStoreObject>& object, rapidjson::Document::AllocatorType& alloc) {
+  if (!object) return Value(static_cast<const char*>(nullptr), 0, alloc);
+  return Value(object->GetSerializedData(), alloc);
+}
 
 ConfigStoreObjectId EntryId(const Value& entry) {
   return ConfigStoreObjectId(entry["key"].GetString(), entry["group"].GetString(),
@@ -114,9 +119,8 @@ void PluginRequest::PopulateCSOList(const ConfigStoreObjectList& objects, const 
   auto& alloc = document.GetAllocator();
   Value list(rapidjson::kObjectType);
   for (const auto& object : objects) {
-    RAPIDJSON_ASSERT(object != nullptr);
     Value entry(rapidjson::kObjectType);
-    entry.AddMember("config", Value(object->GetSerializedData(), alloc), alloc);
+    entry.AddMember("config", DataText(object, alloc), alloc);
     std::string entryName = PopulateCSOId(entry, *object);
     list.AddMember(Value(entryName, alloc), entry, alloc);
   }
@@ -127,10 +131,9 @@ void PluginRequest::PopulateInputs(const DesiredConfigInputList& inputs) {
   auto& alloc = document.GetAllocator();
   Value data(rapidjson::kObjectType);
   for (const auto& input : inputs) {
-    RAPIDJSON_ASSERT(input.object != nullptr);
     Value entry(rapidjson::kObjectType);
     entry.AddMember("operation", Value(input.operation, alloc), alloc);
-    entry.AddMember("config", Value(input.object->GetSerializedData(), alloc), alloc);
+    entry.AddMember("config", DataText(input.object, alloc), alloc);
     if (input.drift)
       entry.AddMember("drift", Value(input.drift->GetSerializedDrift(), alloc), alloc);
     if (input.cachedDrift) {
@@ -151,13 +154,11 @@ void PluginRequest::Dump(const std::string& path, const std::string& taskId,
   PopulateTaskId(taskId);
   PopulateClusterContext(context);
   const std::string text = QenPlatform::CompactJson(document);
-  // The request carries configuration values: owner-only, also when the file
-  // already existed with a wider mode. An unwritable file is not reported
-  // here; the runner then fails on its input.
-  const std::string physical = QenPlatform::HostPath(path);
-  int fd = ::open(physical.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  // The request carries configuration values: a new owner-only file, never
+  // written through a link planted at the path. An unwritable file is not
+  // reported here; the runner then fails on its input.
+  int fd = QenPlatform::CreatePrivateFile(QenPlatform::HostPath(path));
   if (fd < 0) return;
-  (void)::fchmod(fd, 0600);
   QenPlatform::WriteAll(fd, text.data(), text.size());
   ::close(fd);
 }
@@ -223,7 +224,6 @@ DesiredConfigInputList PluginRequest::GetData() const {
     auto cached = entry.FindMember("cachedDrift");
     if (cached != entry.MemberEnd()) {
       const Value& c = cached->value;
-      RAPIDJSON_ASSERT(c.IsObject());
       input.cachedDrift = std::make_shared<CachedDriftObject>();
       input.cachedDrift->operation = c["operation"].GetString();
       auto cachedDrift = c.FindMember("drift");

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "ConfigStoreException.h"
+#include "ErrorInfo.h"
 #include "QenConfigStore.h"
 #include "QenJson.h"
 #include "QenSchemaStore.h"
@@ -100,40 +101,7 @@ template <typename E>
 template <typename E, typename A>
 [[noreturn]] QCM_EXPORT void ThrowException(CMErrorCodes code, A argument);
 
-// A message identifier with its arguments and a message text, carried through
-// notifications and result documents.
-class QCM_EXPORT ErrorInfo {
- public:
-  ErrorInfo() = default;
-  ErrorInfo(std::string msgId, std::list<std::string> args, std::string message = std::string())
-      : msgId(std::move(msgId)), args(std::move(args)), message(std::move(message)) {}
-  ErrorInfo(const ErrorInfo& other);
-  ErrorInfo(ErrorInfo&& other) noexcept;
-  ErrorInfo& operator=(const ErrorInfo& other);
-  // Swaps the strings, takes over the list; the source's list is left empty.
-  ErrorInfo& operator=(ErrorInfo&& other) noexcept;
-  ~ErrorInfo();
-
-  bool IsEmpty() const { return msgId.empty(); }
-  bool operator==(const ErrorInfo& o) const {
-    return msgId == o.msgId && args == o.args && message == o.message;
-  }
-
-  // JSON form: {"msgId": "...", "args": ["..."], "message": "..."}.
-  std::string Serialize() const;
-  // Reads the JSON form; throws std::exception on text that is not one.
-  void Deserialize(const std::string& text);
-  // Reads an apply result file (physical path, {"error": {...}}); throws
-  // std::exception when it cannot.
-  static ErrorInfo Load(const std::string& path);
-  void convertToJson(rapidjson::Value& out, rapidjson::Document::AllocatorType& alloc) const;
-  // Reads the JSON form from a value; throws std::exception on a bad shape.
-  static ErrorInfo FromJson(const rapidjson::Value& value);
-
-  std::string msgId;
-  std::list<std::string> args;
-  std::string message;
-};
+// ErrorInfo (ErrorInfo.h, declared with the platform that serialises it).
 
 // ---------------------------------------------------------------------------
 // Task handle and plugin monitors. Base operations do nothing; callers derive
@@ -190,6 +158,9 @@ QCM_EXPORT void ParseDocument(const std::string& text, rapidjson::Document& doc)
 QCM_EXPORT void CreateDocumentFromFile(const char* path, rapidjson::Document& doc);
 QCM_EXPORT void CreateFileFromDocument(const char* path, const rapidjson::Document& doc);
 QCM_EXPORT void SerializeValue(const rapidjson::Value& value, std::string& out);
+// Moves `value` into `object` as its last member `name` (a copy), with
+// `doc`'s allocator; `value` is left null, a null `value` adds null. A
+// missing `doc`, a missing or non-object `object`: the JSON library's 1082.
 QCM_EXPORT void AddMember(rapidjson::Document* doc, rapidjson::Value* object, const std::string& name,
                           rapidjson::Value* value);
 QCM_EXPORT bool IsEqualArray(const rapidjson::Value& a, const rapidjson::Value& b);

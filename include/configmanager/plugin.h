@@ -165,9 +165,21 @@ class QCM_EXPORT Plugin {
 // Node name -> the node names it depends on (apply groups and services).
 typedef std::map<std::string, std::vector<std::string>> DependencyGraph;
 
+// One apply operation of a plugin, as the apply runner runs it: the plugin
+// and the operation's name, "REMEDIATE" for a version 3 plugin, the
+// manifest's operation name ("SET", "ADD", "DELETE") for versions 0 to 2.
+struct QCM_EXPORT ApplyOperationRef {
+  std::shared_ptr<Plugin> plugin;
+  std::string operation;
+};
+
 // Every manifest of one kind of work, indexed by accepted object, with the
 // apply order for the apply kinds. Filled by its constructor, then read-only;
 // built and used on one thread.
+//
+// Orders do not depend on the file system or on hashing: manifests are loaded
+// in the order of their paths, GetPlugins and the providers of a service are
+// ordered by plugin identifier (then manifest path), List by object path.
 class QCM_EXPORT PluginManager {
  public:
   // Loads the plugin directory; throws 3000 (walk failed), the manifest's own
@@ -181,22 +193,38 @@ class QCM_EXPORT PluginManager {
   void ProcessOperation(const PluginApplyOperation& operation, const std::string& group,
                         DependencyGraph& graph);
 
-  // Plugins accepting component/group/key of `id`, the one added last first.
+  // Plugins accepting component/group/key of `id`, the one added last (the
+  // last manifest path) first.
   std::vector<std::shared_ptr<Plugin>> Find(const ConfigStoreObjectId& id) const;
-  // "COMPONENT/GROUP/KEY:manifest path", one per extension table entry.
+  // "COMPONENT/GROUP/KEY:manifest path", one per extension table entry, by
+  // object path and, for one object, in Find's order.
   std::vector<std::string> List() const;
+  // Every loaded plugin, by plugin identifier.
   std::vector<std::shared_ptr<Plugin>> GetPlugins() const;
   // Apply order: group and service names, each after what it depends on.
   std::vector<std::string> GetDependencies() const { return dependencies; }
+  // The apply operations that provide `name`, a name of GetDependencies():
+  // what the apply runner runs, in this order, when it reaches the name (its
+  // task key is the operation name, ":" and the plugin identifier). Ordered
+  // by plugin identifier, a plugin's own operations in manifest order. Empty
+  // for an apply group, for a name nothing provides and in managers of the
+  // other kinds. Built once with the apply order; the reference lives as
+  // long as the manager.
+  const std::vector<ApplyOperationRef>& GetProviders(const std::string& name) const;
 
  private:
+  // Loaded plugins with their manifest paths, by plugin identifier.
+  std::vector<std::pair<std::string, std::shared_ptr<Plugin>>> ById() const;
+
   std::string directory;
-  std::unordered_map<std::string, std::shared_ptr<Plugin>> plugins;
+  std::map<std::string, std::shared_ptr<Plugin>> plugins;  // by manifest path
   // Object path ("COMPONENT/GROUP/KEY") -> manifest paths, the one added last
   // first. A map of lists rather than a multimap: a multimap's order among
   // equal keys is the library's, and Find's order is part of the contract.
-  std::unordered_map<std::string, std::vector<std::string>> extensionTable;
+  std::map<std::string, std::vector<std::string>> extensionTable;
   std::vector<std::string> dependencies;
+  // Service name -> the apply operations that provide it.
+  std::map<std::string, std::vector<ApplyOperationRef>> providers;
 };
 
 // The request document of one plugin call, written to the request file for
@@ -227,10 +255,11 @@ class QCM_EXPORT PluginRequest {
   std::string PopulateCSOId(rapidjson::Value& entry, const ConfigStoreObject& object);
   void PopulateCSOList(const ConfigStoreObjectList& objects, const char* name);
 
-  // Adds "taskId" and "clusterContext" and writes the document (compact,
-  // mode 0600) to `path`, replacing its content. Paths are logical host
-  // paths, mapped with QenPlatform::HostPath (a path already below the root
-  // is used as it is).
+  // Adds "taskId" and "clusterContext" and writes the document (compact) to
+  // a new file at `path`, mode 0600: what was there is removed first, and a
+  // symbolic link is never followed. Paths are logical host paths, mapped
+  // with QenPlatform::HostPath (a path already below the root is used as it
+  // is).
   void Dump(const std::string& path, const std::string& taskId, const std::string& context);
   // Parses `path`; throws std::runtime_error when it cannot.
   void Load(const std::string& path);
@@ -261,7 +290,9 @@ class QCM_EXPORT PluginRequest {
 // kOutputFile, destroy (the destructor removes both files, also after a
 // failure). Used by one thread; ForkPlugin runs a monitor thread of its own
 // for as long as it waits for the child. The request and result paths are
-// fixed, so only one launcher may run at a time on a host.
+// fixed, so only one launcher may run at a time on a host: the Plugin
+// operations hold a lock on kLockFile around the whole cycle, and so must
+// any other user of a launcher. The runner dies with the calling thread.
 class QCM_EXPORT PluginLauncher {
  public:
   // Logical paths of the runners and of the request and result files.
@@ -269,6 +300,9 @@ class QCM_EXPORT PluginLauncher {
   static constexpr const char* kCppRunner = "/usr/lib/corvane/configmanager/bin/cpp_plugin_runner";
   static constexpr const char* kInputFile = "/var/corvane/lifecycle/cm-plugin-input.json";
   static constexpr const char* kOutputFile = "/var/corvane/lifecycle/cm-plugin-output.json";
+  // Held by every plugin call of the Plugin operations, in any process, from
+  // before the request file is written until both files are removed.
+  static constexpr const char* kLockFile = "/var/corvane/lifecycle/cm-plugin.lock";
   static constexpr const char* kResourceGroup = "++group=host/ovx/tavhost/configManagerPlugin,stats";
 
   // APPLY and IMPACT: builds the request from the inputs. Throws

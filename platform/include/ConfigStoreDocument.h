@@ -30,6 +30,10 @@ typedef rapidjson::Document::AllocatorType Allocator;
 // stack.
 constexpr int kMaxDepth = 512;
 
+// Throws code 1082 "JSON error: value nested deeper than 512 levels": what
+// the walks here raise past kMaxDepth, for other walks over the same values.
+[[noreturn]] void ThrowTooDeep();
+
 // What RedactAndSerializeValue and CLEANUP_ACTIONS' REDACT_SENSITIVE write in
 // place of a value that the schema marks "sensitive".
 constexpr const char* kRedactedText = "(redacted)";

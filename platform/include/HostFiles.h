@@ -2,6 +2,8 @@
 // host's kernel and firmware interfaces, and whole files for any caller.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "QenJson.h"
@@ -17,6 +19,18 @@ bool ReadHostJson(const std::string& logical, rapidjson::Document& doc, std::str
 // Plain reads, no streams: plugins and runners call this at start-up, where
 // setting up the stream library would cost more than the read.
 bool ReadWholeFile(const std::string& path, std::string& out, bool* opened = nullptr);
+
+// Creates directory `dir` (physical) and its missing ancestors with exactly
+// `mode`, whatever the umask; directories that exist are left as they are.
+// False (errno set) when one cannot be created.
+bool MakeDirectories(const std::string& dir, mode_t mode);
+
+// Creates a new file at physical `path` for writing, owner-only (0600 whatever
+// the umask): whatever is there (a stale file, a symbolic link) is removed
+// first, and the file is created exclusively, so that a link planted in
+// between makes this fail instead of being followed. The descriptor
+// (close-on-exec), or -1 with errno set.
+int CreatePrivateFile(const std::string& path);
 
 // Replaces the file at physical path `path` by `text` all at once: written
 // to "<path>.new" with exactly `mode`, then renamed over it, so a reader

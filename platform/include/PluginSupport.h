@@ -27,7 +27,7 @@
 
 #include "QenConfigStore.h"
 #include "QenJson.h"
-#include "configmanager/common.h"
+#include "ErrorInfo.h"
 
 namespace QenConfigManager {
 

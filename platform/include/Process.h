@@ -3,10 +3,12 @@
 // SpawnProcess starts a program the way the host starts its plugin runners:
 // with the given argument vector, an empty environment, the caller's
 // descriptors 0, 1 and 2 and no other descriptor, an empty signal mask and
-// default dispositions for the termination signals. It does not copy the
-// caller's address space (no page-table copy), so its cost does not grow
-// with the caller's memory. Thread-safe; the caller owns the child and must
-// wait for it.
+// default dispositions for the termination signals. The child dies with its
+// caller: it gets SIGKILL when the thread that spawned it ends (with the
+// process, whatever ends it), and does not start at all when the caller is
+// already gone. It does not copy the caller's address space (no page-table
+// copy), so its cost does not grow with the caller's memory. Thread-safe;
+// the calling thread owns the child and must wait for it.
 #pragma once
 
 #include <sys/types.h>

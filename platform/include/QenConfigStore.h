@@ -247,7 +247,10 @@ inline std::shared_ptr<DBStore::StoreConnection> GetDBStore(int type, bool creat
 
 // The store of a namespace. One per process and host root; the functions
 // below without a connection argument use its connection, so a
-// ConfigStoreTransaction on it spans them.
+// ConfigStoreTransaction on it spans them. Each write also has a form that
+// takes the connection: a ConfigStoreTransaction on a connection of
+// GetDBStore spans the writes made on that same connection (a write on
+// another connection would wait for the transaction's lock and fail).
 class ConfigStore {
  public:
   static constexpr const char* sGlobalNamespace = "global";
@@ -263,6 +266,8 @@ class ConfigStore {
   // configuration when the key's schema has user-configuration text, else
   // "vital".
   void SetObject(const StoreObject& object);
+  // The same on the given connection.
+  static void SetObject(const StoreObject& object, const std::shared_ptr<DBStore::StoreConnection>& conn);
   // Removes the object's current value (the row goes when it holds nothing
   // else).
   void DeleteObject(const ConfigStoreObjectId& id);
@@ -355,9 +360,14 @@ void ProcessDesiredObject(rapidjson::Document::AllocatorType& allocator,
 // Stages the deletion of a key for the next boot (drops its staged values).
 void DeleteHostAPIConfiguration(const std::string& component, const std::string& group,
                                 const std::string& key);
+void DeleteHostAPIConfiguration(const std::string& component, const std::string& group,
+                                const std::string& key,
+                                const std::shared_ptr<DBStore::StoreConnection>& conn);
 // Stages a whole desired document (root "profile" or components at the root)
 // for the next boot, replacing whatever was staged, and sets boot mode 1.
 void SetDesiredUserConfig(const rapidjson::Value& document);
+void SetDesiredUserConfig(const rapidjson::Value& document,
+                          const std::shared_ptr<DBStore::StoreConnection>& conn);
 // The same for the SmartNIC (no boot mode change).
 void SetDesiredSmartnicConfiguration(const rapidjson::Value& document);
 // Drops everything staged (host and SmartNIC) and sets boot mode 0.
@@ -375,12 +385,14 @@ void RestoreDesiredConfigAtBoot();
 
 int GetBootMode();
 void SetBootMode(int mode);
+void SetBootMode(int mode, const std::shared_ptr<DBStore::StoreConnection>& conn);
 
 // The boot apply state {"isBootComplete": bool, "bootApplyRecord": "<text>"};
 // {"isBootComplete": false, "bootApplyRecord": ""} on a store that has none.
 std::shared_ptr<JsonDoc> getBootApplyRecord();
 // Stores the record text and marks the boot complete.
 void setBootApplyRecord(const std::string& record);
+void setBootApplyRecord(const std::string& record, const std::shared_ptr<DBStore::StoreConnection>& conn);
 // Sets "isBootComplete" (the record is kept).
 void SetBootComplete(bool complete);
 // Keys the store could not restore at boot (instance identifiers empty), in

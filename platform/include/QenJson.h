@@ -5,7 +5,7 @@
 //
 // RapidJSON's internal checks (wrong type for an accessor, missing member for
 // operator[], ...) throw QenConfigStore::ConfigStoreException with code 1082
-// and the text  JSON error: "<file>":<line>: <condition>  instead of aborting.
+// and the text  JSON error:"<file>":<line>: <condition>  instead of aborting.
 #pragma once
 
 #ifdef RAPIDJSON_ASSERT
@@ -46,6 +46,26 @@ inline bool JsonNumbersEqual(const rapidjson::Value& a, const rapidjson::Value& 
   }
   if (a.IsInt64() && b.IsInt64()) return a.GetInt64() == b.GetInt64();
   return a.IsUint64() && b.IsUint64() && a.GetUint64() == b.GetUint64();
+}
+
+// Text from outside (files, stored values, plugin results) nested deeper
+// than this is refused: walks, writers and comparisons recurse per level.
+constexpr unsigned kMaxJsonNesting = 512;
+
+// The outcome of ParseJson.
+struct JsonParseResult {
+  enum Status { kOk, kNotJson, kTooDeep } status = kOk;
+  std::string reason;  // unless kOk: what is wrong and at which offset
+  explicit operator bool() const { return status == kOk; }
+};
+
+// The one parse of JSON text that comes from outside: one root value with
+// nothing but white space around it, nesting at most kMaxJsonNesting deep.
+// The reader is iterative, so no text can exhaust the stack. On failure
+// `doc` is left as it was. Reentrant; uses `doc`'s allocator.
+JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& doc);
+inline JsonParseResult ParseJson(const std::string& text, rapidjson::Document& doc) {
+  return ParseJson(text.data(), text.size(), doc);
 }
 
 // The value as compact JSON text (no white space).

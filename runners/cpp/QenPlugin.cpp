@@ -3,8 +3,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include <filesystem>
-
 #include "HostFiles.h"
 #include "HostRoot.h"
 
@@ -16,8 +14,8 @@ std::string Call::HostPath(const std::string& logical) { return QenPlatform::Hos
 
 void Call::WriteHostFile(const std::string& logical, const std::string& text, int mode) {
   const std::string path = HostPath(logical);
-  std::error_code ec;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+  // Host directories such as /etc/... are readable by all, whatever the umask.
+  QenPlatform::MakeDirectories(path.substr(0, path.rfind('/')), 0755);
   if (!QenPlatform::ReplaceFile(path, text, mode))
     throw std::runtime_error("cannot write " + logical + ": " + std::strerror(errno));
 }

@@ -53,6 +53,7 @@ class RequestHead : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Reque
  public:
   std::string id, module;
   bool hasModule = false;
+  bool tooDeep = false;
 
   bool Default() { return Leaf(); }
   bool String(const char* text, rapidjson::SizeType length, bool) {
@@ -79,10 +80,12 @@ class RequestHead : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Reque
     slot_ = nullptr;
     return !hasModule;  // false ends the parse once the module is known
   }
+  // Past the nesting limit the request is not one the library writes.
   bool Open() {
     slot_ = nullptr;
-    ++depth_;
-    return true;
+    if (++depth_ <= static_cast<int>(QenPlatform::kMaxJsonNesting)) return true;
+    tooDeep = true;
+    return false;
   }
   bool Close() {
     --depth_;
@@ -104,11 +107,13 @@ int main(int argc, char** argv) {
   if (!QenPlatform::ReadWholeFile(root + kInputFile, text)) return Fail(EINVAL, "Failed to load plugin input json.");
   RequestHead head;
   {
+    // Iterative: the call stack stays flat whatever the nesting.
     rapidjson::Reader reader;
     rapidjson::StringStream in(text.c_str());
-    reader.Parse(in, head);
+    reader.Parse<rapidjson::kParseIterativeFlag>(in, head);
     if (!head.hasModule) {
-      return Fail(EINVAL, reader.HasParseError() && reader.GetParseErrorCode() != rapidjson::kParseErrorTermination
+      return Fail(EINVAL, head.tooDeep || (reader.HasParseError() &&
+                                           reader.GetParseErrorCode() != rapidjson::kParseErrorTermination)
                               ? "Failed to load plugin input json."
                               : "The PluginRequest structure does not contain module");
     }

@@ -5,6 +5,7 @@
 
 #include "CommonTest.h"
 #include "HostRootTest.h"
+#include "JsonErrors.h"
 #include "configmanager/common.h"
 
 using namespace QenConfigManager;
@@ -115,13 +116,20 @@ TEST(AddMember, MovesTheValueInAsTheLastMember) {
   EXPECT_TRUE(value.IsNull());
   EXPECT_EQ(Compact(doc), "{\"first\":1,\"second\":[7]}");
 
+  // A missing value is null.
+  AddMember(&doc, &doc, "third", nullptr);
+  EXPECT_EQ(Compact(doc), "{\"first\":1,\"second\":[7],\"third\":null}");
+}
+
+TEST(AddMember, WrongOrMissingTargetsFailInTheJsonLibrarysOwnChecks) {
+  rapidjson::Document doc = Parse("{}");
   rapidjson::Value notObject(rapidjson::kArrayType);
   rapidjson::Value v(1);
-  EXPECT_EQ(std::get<0>(FailureOf<QenConfigStore::ConfigStoreException>(
-                [&] { AddMember(&doc, &notObject, "x", &v); })),
-            1082);
-  EXPECT_EQ(std::get<0>(FailureOf<QenConfigStore::ConfigStoreException>([&] { AddMember(nullptr, &doc, "x", &v); })),
-            1082);
+  QenTest::ExpectJsonLibraryError([&] { AddMember(&doc, &notObject, "x", &v); }, "IsObject()");
+  QenTest::ExpectJsonLibraryError([&] { AddMember(&doc, nullptr, "x", &v); }, "IsObject()");
+  QenTest::ExpectJsonLibraryError([&] { AddMember(nullptr, &doc, "x", &v); }, "allocator_");
+  EXPECT_EQ(Compact(doc), "{}");
+  EXPECT_EQ(v.GetInt(), 1);
 }
 
 TEST(IsEqualArray, ComparesAsAMultisetWithJsonEqualElements) {

@@ -157,13 +157,17 @@ TEST_F(ExtractionTest, ValueCleanedToNothingIsFilteredOut) {
 }
 
 TEST_F(ExtractionTest, UnparsableStoredValueIsAParseError) {
-  ConfigMapList list = SingletonList("sys", "time", "ntp", "{not json");
-  rapidjson::Document doc;
-  ExpectThrows<InvalidArgumentException>(
-      [&] {
-        ProcessConfigMapList(doc, list, QenSchemaStore::SchemaStore::GetStore(), DOC_CURRENT, nullptr);
-      },
-      2080, "Failed to parse JSON String");
+  // The store refuses bad JSON, so hand over the list a damaged store would
+  // give: text that is not JSON, or nested far deeper than any walk allows.
+  for (const std::string& value : {std::string("{not json"), std::string(100000, '[') + std::string(100000, ']')}) {
+    ConfigMapList list = SingletonList("sys", "time", "ntp", value);
+    rapidjson::Document doc;
+    ExpectThrows<InvalidArgumentException>(
+        [&] {
+          ProcessConfigMapList(doc, list, QenSchemaStore::SchemaStore::GetStore(), DOC_CURRENT, nullptr);
+        },
+        2080, "Failed to parse JSON String");
+  }
 }
 
 TEST_F(ExtractionTest, DesiredDocumentComesFromTheStagedConfigurationWithoutPlugins) {

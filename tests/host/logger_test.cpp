@@ -1,5 +1,6 @@
 // The logger's file: progress lines are buffered, failures are not, and no
 // line is lost, duplicated, reordered or written into another root's file.
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,6 +49,18 @@ TEST_F(LoggerFileTest, ProgressWaitsFailuresDoNotAndOrderHolds) {
   EXPECT_EQ(LogText(Root()).find("later"), std::string::npos);
   CSLogger::Flush();
   EXPECT_EQ(Count(LogText(Root()), "<2> later\n"), 1u);
+}
+
+// Log lines may name configuration: the log and the directories made for it
+// are the owner's, also under umask 000.
+TEST_F(LoggerFileTest, LogAndItsDirectoriesAreOwnerOnlyWhateverTheUmask) {
+  const mode_t saved = ::umask(0);
+  CSLogger::Log(0, "first line");
+  ::umask(saved);
+  EXPECT_EQ(Mode("/var"), 0700);
+  EXPECT_EQ(Mode("/var/log/corvane"), 0700);
+  EXPECT_EQ(Mode(CSLogger::kLogFile), 0600);
+  EXPECT_EQ(Count(LogText(Root()), "<0> first line\n"), 1u);
 }
 
 TEST_F(LoggerFileTest, PendingLinesGoToTheRootTheyWereLoggedFor) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "CustomHost.h"
+#include "JsonErrors.h"
 #include "configmanager/impact.h"
 
 using namespace QenConfigManager;
@@ -237,13 +238,13 @@ TEST_F(ImpactTest, PluginFailureAndAbortEndTheComputation) {
 }
 
 TEST_F(ImpactTest, MalformedInputIsAJsonError) {
-  // "<code> <condition>" of the JSON error: "JSON error: "<file>":<line>: <condition>".
+  // "<code> <condition>" of the JSON error: JSON error:"<file>":<line>: <condition>.
   auto failure = [&](const std::string& text) {
     try {
       Run(text);
     } catch (const QenConfigStore::ConfigStoreException& e) {
       const std::string what = e.what();
-      if (what.rfind("JSON error: \"", 0) != 0) return what;
+      if (what.rfind("JSON error:\"" + QenTest::JsonLibraryFile() + "\":", 0) != 0) return what;
       return std::to_string(e.GetErrorCode()) + " " + what.substr(what.rfind(": ") + 2);
     }
     return std::string("nothing thrown");

@@ -120,6 +120,21 @@ class PluginHostTest : public HostRootTest {
     return input;
   }
 
+  // The C++ fault plugin as a version 3 apply plugin "cfault" for the
+  // resolver key (manifest apply_modules/cfault/, module libcfault.so).
+  std::shared_ptr<QenConfigManager::Plugin> CppFaultPlugin() {
+    const std::string manifest = std::string(kModules) + "cfault/manifest.json";
+    WriteFile(manifest, R"({"version": 3, "type": "c++", "accepts": ["network:dns:resolver"],
+      "apply": {"apply_group": "network", "boot": false, "REMEDIATE": {"provides": "x", "depends": []}}})");
+    WriteFile("/usr/lib/corvane/configmanager/plugins/libcfault.so",
+              ReadFile("/usr/lib/corvane/configmanager/plugins/libfault.so"), 0755);
+    return std::make_shared<QenConfigManager::Plugin>(manifest.c_str());
+  }
+
+  static QenConfigManager::DesiredConfigInputList ResolverInputs() {
+    return {Input("network", "dns", "resolver", "", R"({"servers":["192.0.2.1"]})", "SET")};
+  }
+
   rapidjson::Document ReadEcho() const {
     rapidjson::Document doc;
     doc.Parse(ReadFile(kEcho).c_str());

@@ -161,6 +161,25 @@ TEST_P(LauncherTest, AbortAfterACleanExitStillFailsTheCall) {
   ExpectCleanAfterCall();
 }
 
+// The child exits while the monitor thread is busy in its first poll: the
+// wake-up sent then must still end the thread's wait at once.
+TEST_P(LauncherTest, AWakeUpSentWhileTheMonitorPollsIsNotLost) {
+  class SlowFirstPoll : public PluginMonitor {
+   public:
+    bool IsAborted() override {
+      if (first_.exchange(false)) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      return false;
+    }
+
+   private:
+    std::atomic<bool> first_{true};
+  };
+  auto started = std::chrono::steady_clock::now();
+  EXPECT_EQ(RunApply("ok", std::make_shared<SlowFirstPoll>()), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(900));
+  ExpectCleanAfterCall();
+}
+
 TEST_P(LauncherTest, MissingRunnerFailsToStartWithoutAMonitorThread) {
   const char* runner = std::string(GetParam().type) == "python" ? PluginLauncher::kPythonRunner
                                                                 : PluginLauncher::kCppRunner;
@@ -260,6 +279,19 @@ TEST_F(LauncherSetupTest, CppRunnerRefusesWhatTheSdkCannotRun) {
   // A request cut short after its module: the runner finds the plugin, the
   // SDK refuses the request.
   EXPECT_EQ(run("libfault.so", true), "status=Invalid argument");
+  // Nesting 100,000 levels deep before the module: refused, not a crash.
+  {
+    PluginLauncher launcher("cfault", 3, "APPLY", {}, "c++", "libfault.so");
+    WriteFile(PluginLauncher::kInputFile, "{\"x\": " + std::string(100000, '[') + std::string(100000, ']') +
+                                              ", \"module\": \"libfault.so\"}", 0600);
+    std::string failure;
+    try {
+      launcher.ForkPlugin(PluginMonitor::Dummy());
+    } catch (const ConfigManagerException& e) {
+      failure = e.what();
+    }
+    EXPECT_EQ(failure.substr(failure.find(", status=") + 2), "status=Invalid argument");
+  }
   ExpectCleanAfterCall();
 }
 
@@ -284,6 +316,24 @@ TEST_F(LauncherSetupTest, PythonRunnerErrorNumbers) {
     EXPECT_EQ(failure, "Config Manager plugin failed: " + std::string(c.id) + ", pid=" +
                            std::to_string(PidIn(failure)) + ", status=" + c.status);
   }
+  ExpectCleanAfterCall();
+}
+
+// No call may wait out the monitor thread's one-second poll: a lost wake-up
+// shows as a call of about a second. A correctness bound, not a speed goal.
+TEST_F(LauncherSetupTest, TwoThousandConsecutiveCallsNeverWaitOutTheMonitorPoll) {
+  auto plugin = CppFaultPlugin();
+  const DesiredConfigInputList inputs = ResolverInputs();
+  std::chrono::steady_clock::duration slowest{};
+  int failed = 0;
+  for (int call = 0; call < 2000; ++call) {
+    auto started = std::chrono::steady_clock::now();
+    failed += !plugin->Apply(inputs, "ok", PluginMonitor::Dummy()).IsEmpty();
+    slowest = std::max(slowest, std::chrono::steady_clock::now() - started);
+  }
+  EXPECT_EQ(failed, 0);
+  EXPECT_LT(slowest, std::chrono::milliseconds(900))
+      << std::chrono::duration_cast<std::chrono::milliseconds>(slowest).count() << " ms";
   ExpectCleanAfterCall();
 }
 

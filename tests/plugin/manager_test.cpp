@@ -107,13 +107,51 @@ TEST_F(ManagerTest, FindReturnsTheLastAddedFirst) {
   m.ProcessJson((std::string(kModules) + "one/m.json").c_str(), QenConfigManager::PLUGIN_APPLY);
   auto found = m.Find(ConfigStoreObjectId("K", "G", "C", "instance-is-ignored"));
   ASSERT_EQ(found.size(), 3u);
+  // Loaded in path order (one, two), then one again.
   EXPECT_EQ(found[0]->GetId(), "one");
-  EXPECT_EQ(found[1]->GetId(), found[2]->GetId() == "one" ? "two" : "one");
+  EXPECT_EQ(found[1]->GetId(), "two");
+  EXPECT_EQ(found[2]->GetId(), "one");
   EXPECT_TRUE(log_.Contains(3, "Plugin found=" + std::string(kModules) +
                                    "one/m.json for cso=comp C grp G key K id instance-is-ignored"));
   EXPECT_TRUE(m.Find(ConfigStoreObjectId("K", "G", "c")).empty());
   EXPECT_TRUE(log_.Contains(3, "Adding cso comp C grp G key K to extension table " +
                                    std::string(kModules) + "two/m.json"));
+}
+
+// Identifier order and path order differ here ("a0" sorts before "a:g:k",
+// "a/g/k/" before "a0/"), and the file system's order is neither.
+TEST_F(ManagerTest, PluginsComeByIdentifierAndEachServiceKnowsItsProviders) {
+  const std::string v3 = R"({"version": 3, "type": "python", "accepts": ["C:G:%"],
+      "apply": {"apply_group": "network", "boot": false, "REMEDIATE": {"provides": "svc", "depends": []}}})";
+  for (const char* dir : {"zz", "a0", "m"}) {
+    std::string json = v3;
+    WriteManifest(std::string(dir) + "/m.json", json.replace(json.find('%'), 1, dir));
+  }
+  WriteManifest("a/g/k/m.json", R"({"type": "python", "apply_group": "network", "boot": false,
+      "operations": {"SET": {"provides": "svc", "depends": []},
+                     "DELETE": {"provides": "cleanup", "depends": ["svc"]}}})");
+  PluginManager m(QenConfigManager::PLUGIN_APPLY);
+  Order ids;
+  for (const auto& p : m.GetPlugins()) ids.push_back(p->GetId());
+  EXPECT_EQ(ids, (Order{"a0", "a:g:k", "m", "zz"}));
+  EXPECT_EQ(m.List(), (Order{"C/G/a0:" + std::string(kModules) + "a0/m.json",
+                             "C/G/m:" + std::string(kModules) + "m/m.json",
+                             "C/G/zz:" + std::string(kModules) + "zz/m.json",
+                             "a/g/k:" + std::string(kModules) + "a/g/k/m.json"}));
+  EXPECT_EQ(m.GetDependencies(), (Order{"system-early", "svc", "cleanup", "network", "storage", "system"}));
+
+  auto providers = [&m](const std::string& name) {
+    Order keys;
+    for (const auto& p : m.GetProviders(name)) keys.push_back(p.operation + ":" + p.plugin->GetId());
+    return keys;
+  };
+  EXPECT_EQ(providers("svc"), (Order{"REMEDIATE:a0", "SET:a:g:k", "REMEDIATE:m", "REMEDIATE:zz"}));
+  EXPECT_EQ(providers("cleanup"), (Order{"DELETE:a:g:k"}));
+  EXPECT_EQ(providers("network"), Order{});
+  EXPECT_EQ(providers("unknown"), Order{});
+  // Only the apply kinds have an apply order.
+  PluginManager extract(QenConfigManager::PLUGIN_EXTRACT);
+  EXPECT_EQ(extract.GetProviders("svc").size(), 0u);
 }
 
 TEST_F(ManagerTest, OnlyJsonFilesOfTheRequestedKindAreLoaded) {

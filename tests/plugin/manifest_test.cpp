@@ -3,6 +3,7 @@
 
 #include <thread>
 
+#include "JsonErrors.h"
 #include "QenSchemaStore.h"
 
 namespace QenTest {
@@ -188,16 +189,17 @@ TEST_F(ManifestTest, AccessorsOfMissingOrMistypedKeysThrowJsonErrors) {
       "extract": {}, "impact": {"supports": "yes"},
       "apply": {"apply_group": "network", "boot": 1, "operations": []}})");
   Plugin p(path.c_str());
-  auto expectJson = [](const std::function<void()>& f, const std::string& condition) {
-    Thrown t = Catch(f);
-    EXPECT_EQ(t.code, 1082);
-    EXPECT_EQ(t.message.rfind("JSON error:", 0), 0u) << t.message;
-    EXPECT_NE(t.message.find(condition), std::string::npos) << t.message;
-  };
-  expectJson([&] { p.HasExtractSupport(); }, "false");
-  expectJson([&] { p.HasImpactSupport(); }, "IsBool()");
-  expectJson([&] { p.HasApplyBootSupport(); }, "IsBool()");
-  expectJson([&] { p.GetOperations(); }, "IsObject()");
+  ExpectJsonLibraryError([&] { p.HasExtractSupport(); }, "false");
+  ExpectJsonLibraryError([&] { p.HasImpactSupport(); }, "IsBool()");
+  ExpectJsonLibraryError([&] { p.HasApplyBootSupport(); }, "IsBool()");
+  ExpectJsonLibraryError([&] { p.GetOperations(); }, "IsObject()");
+
+  // A version 3 manifest's "accepts" is read at construction.
+  WriteFile(std::string(kSchemas) + "plugin_version_3_schema.json",
+            R"({"properties": {"version": {"minimum": 3, "maximum": 3}}})");
+  QenConfigManager::ResetManifestSchemaTable();
+  const std::string v3 = WriteManifest("N/F.json", R"({"version": 3, "type": "python", "accepts": "c:g:k"})");
+  ExpectJsonLibraryError([&] { Plugin bad(v3.c_str()); }, "IsArray()");
 }
 
 TEST_F(ManifestTest, OperationsAndRemediation) {

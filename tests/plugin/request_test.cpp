@@ -1,13 +1,16 @@
 // Plugin request documents: building, writing, reading back.
 #include <sys/stat.h>
 
+#include "JsonErrors.h"
 #include "PluginFixture.h"
 
 namespace QenTest {
 namespace {
 
 using QenConfigManager::CachedDriftObject;
+using QenConfigManager::ConfigStoreObjectList;
 using QenConfigManager::DesiredConfigInput;
+using QenConfigManager::DesiredConfigInputList;
 using QenConfigManager::PluginRequest;
 using QenConfigStore::ConfigStoreObjectId;
 
@@ -177,6 +180,23 @@ TEST_F(RequestTest, EveryGetterNamesWhatIsMissing) {
   EXPECT_EQ(Catch([&] { FromText("[]").GetId(); }).code, 1082);
   EXPECT_EQ(Catch([&] { FromText(R"({"data": {"a": {"config": "{}"}}})").GetData(); }).code, 1082);
   EXPECT_EQ(Catch([&] { FromText(R"({"data": []})").GetData(); }).code, 1082);
+}
+
+TEST_F(RequestTest, MalformedInputsFailInTheJsonLibrarysOwnChecks) {
+  // Building: an input without object has no data text.
+  DesiredConfigInput noObject;
+  noObject.operation = "SET";
+  ExpectJsonLibraryError([&] { PluginRequest("p", "APPLY", "", 3, DesiredConfigInputList{noObject}); }, "s != 0");
+  ExpectJsonLibraryError([&] { PluginRequest("p", "VALIDATE", "", 3, ConfigStoreObjectList{nullptr}, {}); },
+                         "s != 0");
+  // Reading: a cached drift that is not an object.
+  ExpectJsonLibraryError(
+      [&] {
+        FromText(R"({"data": {"cgk": {"config": "{}", "component": "c", "group": "g", "key": "k",
+                                      "instanceId": "", "cachedDrift": "SET"}}})")
+            .GetData();
+      },
+      "IsObject()");
 }
 
 TEST_F(RequestTest, ExtractIdsComeBackWithoutInstance) {

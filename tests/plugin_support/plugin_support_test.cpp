@@ -57,7 +57,7 @@ TEST(ErrorInfoJson, SerializeAndDeserializeRoundTrip) {
 
 TEST(ErrorInfoJson, BadTextIsAClearError) {
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {"{", "ErrorInfo: not valid JSON: Missing a name for object member."},
+      {"{", "ErrorInfo: not valid JSON: Missing a name for object member. at offset 1"},
       {"[]", "ErrorInfo: an error is not a JSON object"},
       {R"({"args": []})", "ErrorInfo: missing member \"msgId\""},
       {R"({"msgId": 1})", "ErrorInfo: member \"msgId\" is not a string"},
@@ -159,6 +159,10 @@ TEST_F(PluginSupportTest, UnreadableResultFilesNameTheFile) {
       {"", kFileName + ": not valid JSON: The document is empty. at offset 0"},
       {"[1]", kFileName + ": not a JSON object"},
       {R"({"impacts": []})", kFileName + ": missing member \"error\""},
+      {R"({"error": {"msgId": ""}, "impacts": )" + std::string(100000, '[') + std::string(100000, ']') + "}",
+       kFileName + ": not valid JSON: nested deeper than 512 levels at offset 547"},
+      {std::string(R"({"error": {"msgId": ""}})") + '\0' + "{}", kFileName + ": not valid JSON: The document root must not be followed "
+                                               "by other values. at offset 24"},
       {R"({"error": {"msgId": "", "args": [2]}})",
        kFileName + ", member \"error\": member \"args\" holds a non-string"},
       {R"({"error": {"msgId": ""}, "impacts": {}})", kFileName + ": member \"impacts\" is not an array"},

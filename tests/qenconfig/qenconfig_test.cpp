@@ -1,69 +1,18 @@
 // The qenconfig command line against a sample host: exit codes, the
 // compliance table and its JSON, and how failures reach the user.
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
-#include "HostRootTest.h"
+#include "QenConfigTest.h"
 #include "QenJson.h"
 
 namespace {
 
-struct Outcome {
-  int exit = -1;
-  std::string out, err;
-};
-
-class QenConfigTest : public QenTest::HostRootTest {
- protected:
-  void SetUp() override {
-    HostRootTest::SetUp();
-    InstallSampleHost();
-  }
-
-  // Runs qenconfig --root <this root> args... with stdout and stderr in files.
-  Outcome Run(std::vector<std::string> args) {
-    const std::string out = Path("/.stdout"), err = Path("/.stderr");
-    args.insert(args.begin(), {QEN_BINARY_DIR "/tools/qenconfig", "--root", Root()});
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    char* env[] = {nullptr};
-    pid_t pid;
-    Outcome outcome;
-    int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), env);
-    posix_spawn_file_actions_destroy(&actions);
-    EXPECT_EQ(rc, 0) << "cannot start qenconfig";
-    if (rc != 0) return outcome;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    outcome.exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    outcome.out = ReadFile("/.stdout");
-    outcome.err = ReadFile("/.stderr");
-    return outcome;
-  }
-
-  // A user file outside the host root's logical paths.
-  std::string UserFile(const std::string& name, const std::string& text) {
-    WriteFile("/" + name, text);
-    return Path("/" + name);
-  }
-
-  static constexpr const char* kDocs = QEN_SOURCE_DIR "/host/documents/";
-};
+using QenTest::Outcome;
+using QenTest::QenConfigTest;
 
 TEST_F(QenConfigTest, ExtractedConfigurationCompliesWithItself) {
   ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);

@@ -163,6 +163,17 @@ TEST_P(OperationsTest, OversizedAndNoisyResultsFailCleanly) {
   }
 }
 
+// A result nested 100,000 levels deep is refused by the depth-limited parse,
+// not a stack overflow of the caller.
+TEST_P(OperationsTest, ResultNestedTooDeepFailsTheCall) {
+  if (std::string(GetParam().type) != "python") return;  // the cue is the Python plugin's
+  ErrorInfo result = plugin_->Apply(Inputs(), "deep", PluginMonitor::Dummy());
+  ExpectFolded(result, "corvane.qen.settings.apply.plugin.unexpected.error");
+  EXPECT_TRUE(log_.Contains(0, "plugin result file \"/var/corvane/lifecycle/cm-plugin-output.json\": not valid "
+                               "JSON: nested deeper than 512 levels at offset 559"));
+  ExpectCleanAfterCall();
+}
+
 TEST_P(OperationsTest, ValidateLabelsEveryObjectsErrors) {
   if (std::string(GetParam().type) != "python") {
     // libfault.so has no validate entry point: the runner answers ENOSYS.

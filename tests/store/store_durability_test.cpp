@@ -51,6 +51,19 @@ TEST_F(StoreDurabilityTest, DatabaseIsOwnerOnlyInWalMode) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
+class StoreCreationTest : public QenTest::StoreTest {};
+
+TEST_F(StoreCreationTest, DatabaseAndItsDirectoriesAreOwnerOnlyWhateverTheUmask) {
+  const mode_t saved = ::umask(0);
+  auto conn = Connect();
+  SetBootMode(BOOTMODE_HOSTAPI_STAGED, conn);
+  ::umask(saved);
+  EXPECT_EQ(Mode("/var/lib"), 0700);
+  EXPECT_EQ(Mode("/var/lib/corvane/configstore"), 0700);
+  EXPECT_EQ(Mode(kDatabasePath), 0600);
+  EXPECT_EQ(Mode(std::string(kDatabasePath) + "-wal"), 0600);
+}
+
 TEST_F(StoreDurabilityTest, TransactionCommitsOrRollsBackEveryWriteItSpans) {
   const std::string before = Dump();
   auto store = ConfigStore::GetStore();
@@ -76,6 +89,76 @@ TEST_F(StoreDurabilityTest, TransactionCommitsOrRollsBackEveryWriteItSpans) {
     tx.Commit();
   }
   EXPECT_EQ(GetBootMode(), BOOTMODE_HOSTAPI_STAGED);
+}
+
+// A transaction on a connection of its own (the library's operations open
+// one) spans the writes made on that connection: a desired object, the boot
+// mode and the auto-deployment object commit together or not at all.
+TEST_F(StoreDurabilityTest, TransactionOnAnOwnConnectionSpansTheWritesGivenIt) {
+  const std::string before = Dump();
+  const ConfigStoreObjectId autodeploy("autodeploy", "bootstrap", "qen");
+  auto writeAll = [&](const std::shared_ptr<DBStore::StoreConnection>& conn) {
+    auto value = Doc(R"({"v": 7})");
+    ProcessDesiredObject(value.GetAllocator(), conn, "user text", "c", "g", "k", nullptr, value);
+    SetBootMode(BOOTMODE_HOSTAPI_STAGED, conn);
+    ConfigStoreObject object(autodeploy);
+    object.SetValue("firewall", "<rules/>");
+    ConfigStore::SetObject(object, conn);
+  };
+
+  {
+    auto conn = Connect();
+    ConfigStoreTransaction tx(conn);
+    writeAll(conn);
+  }  // discarded
+  EXPECT_EQ(Dump(), before);
+
+  {
+    auto conn = Connect();
+    FailNthWrite(3);  // the boot mode, after the desired object's two writes
+    EXPECT_EQ(Failure([&] {
+                ConfigStoreTransaction tx(conn);
+                writeAll(conn);
+                tx.Commit();
+              }),
+              "2002: Configuration store \"/var/lib/corvane/configstore/configstore.db\": write failed: "
+              "injected fault");
+  }
+  EXPECT_EQ(Dump(), before);
+
+  {
+    auto conn = Connect();
+    ConfigStoreTransaction tx(conn);
+    writeAll(conn);
+    tx.Commit();
+  }
+  EXPECT_EQ(Lines(GetDesiredUserConfigContents(Connect())), (std::vector<std::string>{
+                                                                "c/g/k/=" R"({"v":7})",
+                                                                "c/g/list/x=" R"({"cs_generated_id":"x","n":1})"}));
+  EXPECT_EQ(GetBootMode(), BOOTMODE_HOSTAPI_STAGED);
+  std::string firewall;
+  auto stored = ConfigStore::GetStore()->GetObject(autodeploy);
+  ASSERT_NE(stored, nullptr);
+  EXPECT_TRUE(stored->GetValue("firewall", firewall));
+  EXPECT_EQ(firewall, "<rules/>");
+}
+
+// The other write forms that take a connection use it too: were one of them
+// to use the process-wide connection, it would wait for the transaction's
+// lock and fail.
+TEST_F(StoreDurabilityTest, EveryWriteFormWithAConnectionStaysOnIt) {
+  auto conn = Connect();
+  {
+    ConfigStoreTransaction tx(conn);
+    auto doc = Doc(R"({"c": {"g": {"k": {"v": 2}}}, "d": {"g": {"k": {"v": 3}}}})");
+    SetDesiredUserConfig(doc, conn);
+    DeleteHostAPIConfiguration("d", "g", "k", conn);
+    setBootApplyRecord("record", conn);
+    tx.Commit();
+  }
+  EXPECT_EQ(Lines(GetDesiredUserConfigContents(conn)), (std::vector<std::string>{"c/g/k/=" R"({"v":2})"}));
+  EXPECT_EQ(GetBootMode(), BOOTMODE_DESIRED_STAGED);
+  EXPECT_EQ(Json(getBootApplyRecord()->GetDocument()), R"({"isBootComplete":true,"bootApplyRecord":"record"})");
 }
 
 TEST_F(StoreDurabilityTest, NestedTransactionRollsBackOnlyItsOwnPart) {
@@ -262,6 +345,28 @@ TEST_F(StoreDurabilityTest, StagedValueThatIsNotJsonIsARestoreFailure) {
             (std::vector<std::string>{R"(c/g/k/={"v":1})",
                                       R"(c/g/list/x={"cs_generated_id":"x","n":1})",
                                       R"(c/g/n/={"a":1})"}));
+}
+
+// Values nested 100,000 levels deep, written by another client: every read
+// refuses them with its error instead of overflowing the stack.
+TEST_F(StoreDurabilityTest, ValueNestedTooDeepIsRefusedByEveryRead) {
+  WriteFile("/tmp/deep.py",
+            "import sqlite3, sys\n"
+            "deep = '[' * 100000 + ']' * 100000\n"
+            "c = sqlite3.connect(sys.argv[1])\n"
+            "c.execute(\"INSERT INTO config_object VALUES('host','c','g','deep','','user',NULL,?,NULL,9)\", (deep,))\n"
+            "c.execute(\"INSERT INTO desired_object VALUES('host','c','g','k','','SET',?,1)\", (deep,))\n"
+            "c.commit()\n");
+  ASSERT_EQ(std::system(("python3 " + Path("/tmp/deep.py") + " " + Path(kDatabasePath)).c_str()), 0);
+  const ConfigStoreObjectId id("deep", "g", "c");
+  EXPECT_EQ(Failure([&] { ConfigStore::GetStore()->GetObject(id); }),
+            "2003: The value of comp c grp g key deep is not valid JSON: nested deeper than 512 levels at offset 512");
+  EXPECT_EQ(Failure([&] { DumpStoreDescription(); }),
+            "2000: Configuration store holds a value that is not JSON: comp c grp g key deep");
+  RestoreDesiredConfigAtBoot();
+  auto failures = GetBootTimeRestoreFailures();
+  ASSERT_EQ(failures.size(), 1u);
+  EXPECT_EQ(failures[0].toString(), "comp c grp g key k");
 }
 
 TEST_F(StoreDurabilityTest, StatisticsCountRowsAndValueBytes) {

@@ -67,6 +67,11 @@ std::string HostRootTest::ReadFile(const std::string& logical) const {
 
 bool HostRootTest::Exists(const std::string& logical) const { return fs::exists(Path(logical)); }
 
+int HostRootTest::Mode(const std::string& logical) const {
+  struct stat st;
+  return ::lstat(Path(logical).c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
+}
+
 void HostRootTest::InstallSampleHost() { InstallSampleHostInto(root_); }
 
 void InstallSampleHostInto(const std::string& root) {

@@ -22,6 +22,8 @@ class HostRootTest : public ::testing::Test {
   void WriteFile(const std::string& logical, const std::string& content, int mode = 0644);
   std::string ReadFile(const std::string& logical) const;
   bool Exists(const std::string& logical) const;
+  // Permission bits of a logical path (not following a link); -1 if absent.
+  int Mode(const std::string& logical) const;
   // Copies the sample host (host/root plus the built runners and plugins)
   // into this root.
   void InstallSampleHost();

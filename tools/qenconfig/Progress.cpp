@@ -1,11 +1,46 @@
 #include "Progress.h"
 
+#include <signal.h>
+
+#include <atomic>
 #include <cstdio>
 
 #include "Commands.h"
 
 namespace qenconfig {
 namespace {
+
+std::atomic<int> g_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "read and written in a signal handler");
+
+void OnInterrupt(int sig) {
+  int none = 0;
+  if (g_signal.compare_exchange_strong(none, sig)) return;
+  // The second one: end now, as the signal itself would.
+  signal(sig, SIG_DFL);
+  raise(sig);
+}
+
+}  // namespace
+
+void CatchInterrupts() {
+  static bool installed = false;
+  if (installed) return;
+  installed = true;
+  struct sigaction action {};
+  action.sa_handler = OnInterrupt;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+namespace {
+
+class InterruptibleTask : public QenConfigManager::TaskHandle {
+ public:
+  bool IsAborted() override { return g_signal.load() != 0; }
+};
 
 class TerminalNotifications : public QenConfigManager::TaskHandle::Notifications {
  public:
@@ -27,7 +62,7 @@ class TerminalNotifications : public QenConfigManager::TaskHandle::Notifications
   }
 };
 
-class TerminalTask : public QenConfigManager::TaskHandle {
+class TerminalTask : public InterruptibleTask {
  public:
   explicit TerminalTask(const char* what) : what_(what) {}
   ~TerminalTask() override { fprintf(stderr, "\r\033[K"); }
@@ -46,8 +81,15 @@ class TerminalTask : public QenConfigManager::TaskHandle {
 }  // namespace
 
 std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what) {
-  if (!StderrIsTerminal()) return QenConfigManager::TaskHandle::Dummy();
+  CatchInterrupts();
+  if (!StderrIsTerminal()) return std::make_shared<InterruptibleTask>();
   return std::make_shared<TerminalTask>(what);
+}
+
+int InterruptSignal() { return g_signal.load(); }
+
+void ExitIfInterrupted() {
+  if (int sig = InterruptSignal()) throw Interrupted{sig};
 }
 
 }  // namespace qenconfig

@@ -1,5 +1,6 @@
-// A task handle for the command line: progress and plugin notifications go
-// to stderr as one rewritten line, only when stderr is a terminal.
+// Task handles for the command line: progress and plugin notifications go
+// to stderr as one rewritten line, only when stderr is a terminal; SIGINT
+// and SIGTERM become an abort of the running operation.
 #pragma once
 
 #include <memory>
@@ -8,6 +9,26 @@
 
 namespace qenconfig {
 
+// The task handle of a command that runs plugins. From the first call on,
+// SIGINT and SIGTERM do not end the process: they ask the running operation
+// to stop through the handle's IsAborted (the plugin runner gets SIGTERM
+// within about a second, and the request and result files are removed), and
+// the command then ends with 128 + the signal (ExitIfInterrupted). A second
+// one ends the process at once; its runner dies with it. Operations that
+// take no task handle (extraction) finish their plugin calls first.
 std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what);
+// The same signal handling for a command whose operation takes no task.
+void CatchInterrupts();
+
+// The signal that asked the command to stop, or 0.
+int InterruptSignal();
+
+// Thrown by ExitIfInterrupted, turned into the exit status by Run.
+struct Interrupted {
+  int signal;
+};
+// Throws Interrupted when a signal asked the command to stop: call it when an
+// operation returns, before printing its result.
+void ExitIfInterrupted();
 
 }  // namespace qenconfig

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "Commands.h"
+#include "Progress.h"
 #include "configmanager/common.h"
 #include "configmanager/drift.h"
 
@@ -64,7 +65,8 @@ qenconfig::Registrar reg([](CLI::App& app) {
       QenConfigManager::ParseDocument(qenconfig::ReadUserFile(*file), desired);
       QenConfigManager::ComplianceResult result;
       QenConfigManager::CheckCompliance(desired, *propertyLevel, result,
-                                        QenConfigManager::TaskHandle::Dummy());
+                                        qenconfig::MakeProgressTask("checking compliance"));
+      qenconfig::ExitIfInterrupted();
       if (*json) {
         rapidjson::Document out(rapidjson::kObjectType);
         out.AddMember("compliant", result.compliant, out.GetAllocator());

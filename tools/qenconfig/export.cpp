@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "Commands.h"
+#include "Progress.h"
 #include "configmanager/extract.h"
 
 namespace {
@@ -15,7 +16,11 @@ struct ExportOptions {
 };
 
 int Export(const ExportOptions& options) {
+  // The export runs the extract plugins and takes no task handle: a stop
+  // takes effect once it returns.
+  qenconfig::CatchInterrupts();
   const std::string text = options.telemetry ? ExportDocumentTelemetry() : ExportDocument();
+  qenconfig::ExitIfInterrupted();
   if (!options.file.empty()) {
     // The file keeps the exported text as it is, normalised.
     qenconfig::WriteUserFile(options.file, text + "\n");

@@ -8,6 +8,7 @@
 
 #include "CSLogger.h"
 #include "Commands.h"
+#include "Progress.h"
 #include "HostFiles.h"
 #include "HostRoot.h"
 #include "configmanager/common.h"
@@ -43,16 +44,23 @@ void WriteUserFile(const std::string& path, const std::string& text) {
 }
 
 int Run(const std::function<int()>& body) {
+  int status = kFailure;
+  std::string failure;
   try {
-    return body();
+    status = body();
+  } catch (const Interrupted&) {
   } catch (const QenConfigStore::ConfigStoreException& e) {
-    std::cerr << "error " << e.GetErrorCode() << ": " << e.what() << "\n";
-  } catch (const HostCtl::Lib::HostCtlException& e) {
-    std::cerr << "error: " << e.what() << "\n";
+    failure = "error " + std::to_string(e.GetErrorCode()) + ": " + e.what();
   } catch (const std::exception& e) {
-    std::cerr << "error: " << e.what() << "\n";
+    failure = std::string("error: ") + e.what();
   }
-  return kFailure;
+  // A stop requested by a signal is the outcome, also of a failure it caused.
+  if (const int sig = InterruptSignal()) {
+    std::cerr << "error: stopped by SIG" << sigabbrev_np(sig) << "\n";
+    return 128 + sig;
+  }
+  if (!failure.empty()) std::cerr << failure << "\n";
+  return status;
 }
 
 }  // namespace qenconfig
@@ -60,6 +68,12 @@ int Run(const std::function<int()>& body) {
 int main(int argc, char** argv) {
   CLI::App app{"qenconfig: keep a host's configuration in line with a desired-state document"};
   app.require_subcommand(1);
+  app.footer(
+      "Exit codes: 0 ok, 1 failure, 2 usage, 3 not compliant (compliance); 128 + the signal (130,\n"
+      "143) when SIGINT or SIGTERM stopped a command that runs plugins: validate terminates its\n"
+      "running plugin, extract, export and compliance stop once their extraction has run; no\n"
+      "plugin and no plugin request or result file is left. A second signal ends qenconfig at\n"
+      "once (its plugin with it). Errors go to stderr as \"error <code>: <message>\".");
   std::string root;
   int verbosity = -1;
   // Applied while parsing, before any command's callback runs.

@@ -29,14 +29,11 @@ qenconfig::Registrar reg([](CLI::App& app) {
     qenconfig::Exit(qenconfig::Run([] {
       std::string text = qenconfig::ReadUserFile(file);
       rapidjson::Document doc;
-      doc.Parse(text.c_str(), text.size());
-      if (doc.HasParseError())
+      const QenPlatform::JsonParseResult parsed = QenPlatform::ParseJson(text, doc);
+      if (!parsed)
         throw QenConfigStore::ConfigStoreException(
             QenConfigStore::STORE_BAD_VALUE,
-            ("Store description \"" + file + "\" is not valid JSON: " +
-             rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
-             std::to_string(doc.GetErrorOffset()))
-                .c_str());
+            ("Store description \"" + file + "\" is not valid JSON: " + parsed.reason).c_str());
       QenConfigStore::LoadStoreDescription(doc);
       return 0;
     }));

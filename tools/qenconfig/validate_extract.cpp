@@ -14,21 +14,25 @@ int ValidateFile(const std::string& path) {
   rapidjson::Document doc;
   ParseDocument(qenconfig::ReadUserFile(path), doc);
   ValidationResult result;
+  auto task = qenconfig::MakeProgressTask("validating");
   auto schema = GenerateHostDocumentSchema(doc);
   if (auto* errors = std::get_if<std::vector<ValidationErrorInfo>>(&schema)) {
     result.errors = std::move(*errors);
   } else {
-    Validate(doc, std::get<rapidjson::Document>(schema), "", result, true,
-             qenconfig::MakeProgressTask("validating"));
+    Validate(doc, std::get<rapidjson::Document>(schema), "", result, true, task);
   }
+  qenconfig::ExitIfInterrupted();
   std::cout << result.Serialize() << "\n";
   return result.errors.empty() && result.pluginError.IsEmpty() ? qenconfig::kOk
                                                                : qenconfig::kFailure;
 }
 
 int Extract(const std::string& which) {
+  // Extraction takes no task handle: a stop takes effect once it returns.
+  qenconfig::CatchInterrupts();
   std::shared_ptr<QenConfigStore::JsonDoc> doc =
       which == "current" ? ExtractCurrentConfiguration() : ExtractDesiredConfiguration();
+  qenconfig::ExitIfInterrupted();
   std::cout << JsonToString(doc->GetDocument()) << "\n";
   return qenconfig::kOk;
 }

@@ -7,20 +7,14 @@ namespace ConfigStoreDocument {
 using namespace detail;
 
 void CreateDocument(const std::string& text, rapidjson::Document& doc) {
-  // The iterative parser keeps the stack flat whatever the text's depth; the
-  // depth is checked once the text is known to be JSON.
-  rapidjson::Document parsed;
-  parsed.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
-  if (parsed.HasParseError()) {
+  static_assert(QenPlatform::kMaxJsonNesting == kMaxDepth, "one nesting limit for parsing and walking");
+  const QenPlatform::JsonParseResult parsed = QenPlatform::ParseJson(text, doc);
+  if (parsed.status == QenPlatform::JsonParseResult::kTooDeep) ThrowTooDeep();
+  if (!parsed) {
     QenConfigStore::ConfigStoreException e(kParseErrorCode, "Failed to parse JSON String");
-    e.AddArg(std::string(rapidjson::GetParseError_En(parsed.GetParseError())) + " at offset " +
-             std::to_string(parsed.GetErrorOffset()));
+    e.AddArg(parsed.reason);
     throw e;
   }
-  if (DeeperThan(parsed, kMaxDepth)) {
-    Fail("value nested deeper than " + std::to_string(kMaxDepth) + " levels");
-  }
-  doc.Swap(parsed);
 }
 
 std::unique_ptr<rapidjson::Document> CreateDocument(const std::string& text) {

@@ -17,9 +17,7 @@ typedef rapidjson::Value Value;
 
 // Every recursive walk passes depth + 1 to its children and calls this first.
 inline void CheckDepth(int depth) {
-  if (depth > kMaxDepth) {
-    Fail("value nested deeper than " + std::to_string(kMaxDepth) + " levels");
-  }
+  if (depth > kMaxDepth) ThrowTooDeep();
 }
 
 // Whether `value` is nested deeper than `limit` levels, found without

@@ -13,6 +13,12 @@ void Fail(const std::string& message) {
                                              ("JSON error: " + message).c_str());
 }
 
+}  // namespace detail
+
+void ThrowTooDeep() { detail::Fail("value nested deeper than " + std::to_string(kMaxDepth) + " levels"); }
+
+namespace detail {
+
 bool DeeperThan(const Value& value, int limit) {
   std::vector<std::pair<const Value*, int>> stack;
   stack.emplace_back(&value, 1);
@@ -34,9 +40,7 @@ bool DeeperThan(const Value& value, int limit) {
 }
 
 void DeepCopy(Value& target, const Value& source, Allocator& allocator) {
-  if (DeeperThan(source, kMaxDepth)) {
-    Fail("value nested deeper than " + std::to_string(kMaxDepth) + " levels");
-  }
+  if (DeeperThan(source, kMaxDepth)) ThrowTooDeep();
   target.CopyFrom(source, allocator);
 }
 

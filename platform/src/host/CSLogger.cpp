@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
 
 #include "HostFiles.h"
 #include "HostRoot.h"
@@ -76,11 +75,11 @@ void OpenFile(LoggerState& s) {
   WritePending(s);  // into the file they were logged for
   if (s.fd >= 0) close(s.fd);
   s.openPath = path;
-  // std::filesystem, not Boost: C++ plugins carry the logger, and Boost
-  // would make every plugin load it and the shared C++ runtime.
-  std::error_code ec;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-  s.fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+  // Log lines may name configuration: the log and its directory are the
+  // owner's, whatever the umask.
+  QenPlatform::MakeDirectories(path.substr(0, path.rfind('/')), 0700);
+  s.fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+  if (s.fd >= 0) fchmod(s.fd, 0600);
 }
 
 const std::string& Stamp(LoggerState& s, time_t now) {

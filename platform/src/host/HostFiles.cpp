@@ -38,6 +38,34 @@ bool ReadWholeFile(const std::string& path, std::string& out, bool* opened) {
   return true;
 }
 
+bool MakeDirectories(const std::string& dir, mode_t mode) {
+  for (size_t end = dir.find('/', 1);; end = dir.find('/', end + 1)) {
+    const std::string prefix = dir.substr(0, end);
+    if (!prefix.empty()) {
+      if (::mkdir(prefix.c_str(), mode) == 0) {
+        // The umask may have taken bits away.
+        if (::chmod(prefix.c_str(), mode) != 0) return false;
+      } else if (errno != EEXIST) {
+        return false;
+      }
+    }
+    if (end == std::string::npos) return true;
+  }
+}
+
+int CreatePrivateFile(const std::string& path) {
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) return -1;
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return -1;
+  if (::fchmod(fd, 0600) != 0) {
+    const int err = errno;
+    ::close(fd);
+    errno = err;
+    return -1;
+  }
+  return fd;
+}
+
 bool WriteAll(int fd, const char* data, size_t size) {
   while (size > 0) {
     const ssize_t n = ::write(fd, data, size);
@@ -73,12 +101,9 @@ bool ReadHostJson(const std::string& logical, rapidjson::Document& doc, std::str
     if (error) *error = "cannot read host file \"" + logical + "\": " + std::strerror(errno);
     return false;
   }
-  doc.Parse(text.c_str(), text.size());
-  if (doc.HasParseError()) {
-    if (error)
-      *error = "host file \"" + logical + "\" is not valid JSON: " +
-               rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
-               std::to_string(doc.GetErrorOffset());
+  const JsonParseResult parsed = ParseJson(text, doc);
+  if (!parsed) {
+    if (error) *error = "host file \"" + logical + "\" is not valid JSON: " + parsed.reason;
     return false;
   }
   if (!doc.IsObject()) {

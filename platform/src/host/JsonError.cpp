@@ -6,7 +6,7 @@
 namespace QenPlatform {
 
 void ThrowJsonError(const char* file, int line, const char* condition) {
-  std::string message = "JSON error: \"";
+  std::string message = "JSON error:\"";
   message += file;
   message += "\":";
   message += std::to_string(line);

@@ -88,10 +88,8 @@ ErrorInfo ErrorInfo::FromJson(const rapidjson::Value& value) {
 
 void ErrorInfo::Deserialize(const std::string& text) {
   rapidjson::Document doc;
-  doc.Parse(text.c_str(), text.size());
-  if (doc.HasParseError())
-    QenPlatform::BadShape("ErrorInfo", std::string("not valid JSON: ") +
-                                           rapidjson::GetParseError_En(doc.GetParseError()));
+  const QenPlatform::JsonParseResult parsed = QenPlatform::ParseJson(text, doc);
+  if (!parsed) QenPlatform::BadShape("ErrorInfo", "not valid JSON: " + parsed.reason);
   *this = FromJson(doc);
 }
 

@@ -22,17 +22,14 @@ void ReadResultFile(const std::string& path, rapidjson::Document& doc) {
   if (!ReadWholeFile(path, text))
     throw QenConfigStore::ConfigStoreException(
         kResultReadFailed, ("cannot read " + name + ": " + std::strerror(errno)).c_str());
-  doc.Parse(text.c_str(), text.size());
-  if (doc.HasParseError())
-    BadShape(name, std::string("not valid JSON: ") +
-                       rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
-                       std::to_string(doc.GetErrorOffset()));
+  const JsonParseResult parsed = ParseJson(text, doc);
+  if (!parsed) BadShape(name, "not valid JSON: " + parsed.reason);
   if (!doc.IsObject()) BadShape(name, "not a JSON object");
 }
 
 void WritePrivateFile(const std::string& path, const std::string& text) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  bool ok = fd >= 0 && ::fchmod(fd, 0600) == 0 && WriteAll(fd, text.data(), text.size());
+  int fd = CreatePrivateFile(path);
+  bool ok = fd >= 0 && WriteAll(fd, text.data(), text.size());
   int saved = errno;
   if (fd >= 0 && ::close(fd) != 0 && ok) {
     ok = false;

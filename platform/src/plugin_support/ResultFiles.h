@@ -5,7 +5,7 @@
 #include <string>
 
 #include "QenJson.h"
-#include "configmanager/common.h"
+#include "ErrorInfo.h"
 
 namespace QenPlatform {
 
@@ -16,8 +16,9 @@ constexpr int kResultBadShape = 2003;    // not a result of the expected shape
 // Throws ConfigStoreException naming the file.
 void ReadResultFile(const std::string& path, rapidjson::Document& doc);
 
-// Writes `text` to physical `path` with mode 0600 (an existing file is
-// truncated and its mode reset). Throws ConfigStoreException 2002.
+// Writes `text` to a new file at physical `path`, mode 0600 (CreatePrivateFile:
+// what was there is removed, a symbolic link is never followed). Throws
+// ConfigStoreException 2002.
 void WritePrivateFile(const std::string& path, const std::string& text);
 
 // Throws ConfigStoreException 2003 "<context>: <what>".

@@ -174,8 +174,8 @@ void ParseValue(const std::string& text, rapidjson::Value& out, rapidjson::Docum
     return;
   }
   rapidjson::Document parsed(&a);
-  parsed.Parse(text.c_str(), text.size());
-  if (parsed.HasParseError()) Fail(STORE_READ_FAILED, "Configuration store holds a value that is not JSON: " + what);
+  if (!QenPlatform::ParseJson(text, parsed))
+    Fail(STORE_READ_FAILED, "Configuration store holds a value that is not JSON: " + what);
   out.CopyFrom(parsed, a);
 }
 

@@ -35,11 +35,8 @@ class ObjectDoc : private InlinePool, public JsonDoc {
 // Parses `text` into `doc`; the failure names `what` and the object.
 void ParseInto(rapidjson::Document& doc, const std::string& text, const char* what,
                const ConfigStoreObjectId& id) {
-  doc.Parse(text.c_str(), text.size());
-  if (doc.HasParseError())
-    Fail(STORE_BAD_VALUE, what + id.toString() + " is not valid JSON: " +
-                              rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
-                              std::to_string(doc.GetErrorOffset()));
+  const QenPlatform::JsonParseResult parsed = QenPlatform::ParseJson(text, doc);
+  if (!parsed) Fail(STORE_BAD_VALUE, what + id.toString() + " is not valid JSON: " + parsed.reason);
 }
 
 }  // namespace
@@ -162,11 +159,8 @@ std::shared_ptr<JsonDoc> CreateDocumentFromFile(const std::string& path) {
   if (!QenPlatform::ReadWholeFile(path, text))
     Fail(STORE_READ_FAILED, "Cannot read JSON file \"" + path + "\"");
   auto doc = std::make_shared<JsonDoc>();
-  doc->GetDocument().Parse(text.c_str(), text.size());
-  if (doc->GetDocument().HasParseError())
-    Fail(STORE_READ_FAILED, "JSON file \"" + path + "\" is not valid JSON: " +
-                                rapidjson::GetParseError_En(doc->GetDocument().GetParseError()) +
-                                " at offset " + std::to_string(doc->GetDocument().GetErrorOffset()));
+  const QenPlatform::JsonParseResult parsed = QenPlatform::ParseJson(text, doc->GetDocument());
+  if (!parsed) Fail(STORE_READ_FAILED, "JSON file \"" + path + "\" is not valid JSON: " + parsed.reason);
   return doc;
 }
 

@@ -367,7 +367,12 @@ void ProcessDesiredObject(rapidjson::Document::AllocatorType& allocator,
 
 void DeleteHostAPIConfiguration(const std::string& component, const std::string& group,
                                 const std::string& key) {
-  auto conn = GlobalConnection();
+  DeleteHostAPIConfiguration(component, group, key, GlobalConnection());
+}
+
+void DeleteHostAPIConfiguration(const std::string& component, const std::string& group,
+                                const std::string& key,
+                                const std::shared_ptr<DBStore::StoreConnection>& conn) {
   WriteTransaction(Of(conn), [&] {
     Impl& impl = Of(conn);
     Cursor(impl,
@@ -382,7 +387,11 @@ void DeleteHostAPIConfiguration(const std::string& component, const std::string&
 }
 
 void SetDesiredUserConfig(const rapidjson::Value& document) {
-  auto conn = GlobalConnection();
+  SetDesiredUserConfig(document, GlobalConnection());
+}
+
+void SetDesiredUserConfig(const rapidjson::Value& document,
+                          const std::shared_ptr<DBStore::StoreConnection>& conn) {
   WriteTransaction(Of(conn), [&] {
     StageDocument(Of(conn), kHost, document, "The desired configuration document");
     SetMeta(Of(conn), "bootMode", std::to_string(BOOTMODE_DESIRED_STAGED));
@@ -426,8 +435,7 @@ void RestoreDesiredConfigAtBoot() {
       std::set<std::string> failed;
       for (const Staged& s : staged) {
         rapidjson::Document parsed;
-        parsed.Parse(s.value.c_str(), s.value.size());
-        if (!parsed.HasParseError()) continue;
+        if (QenPlatform::ParseJson(s.value, parsed)) continue;
         if (failed.insert(s.c + "\x1f" + s.g + "\x1f" + s.k).second)
           Cursor(impl, "INSERT INTO restore_failure(component, grp, name) VALUES(?1, ?2, ?3)")
               .Bind(1, s.c).Bind(2, s.g).Bind(3, s.k).Run();
@@ -475,8 +483,9 @@ int GetBootMode() {
   Fail(STORE_READ_FAILED, "Configuration store boot mode \"" + text + "\" is not a number");
 }
 
-void SetBootMode(int mode) {
-  auto conn = GlobalConnection();
+void SetBootMode(int mode) { SetBootMode(mode, GlobalConnection()); }
+
+void SetBootMode(int mode, const std::shared_ptr<DBStore::StoreConnection>& conn) {
   WriteTransaction(Of(conn), [&] { SetMeta(Of(conn), "bootMode", std::to_string(mode)); });
 }
 
@@ -493,8 +502,9 @@ std::shared_ptr<JsonDoc> getBootApplyRecord() {
   return doc;
 }
 
-void setBootApplyRecord(const std::string& record) {
-  auto conn = GlobalConnection();
+void setBootApplyRecord(const std::string& record) { setBootApplyRecord(record, GlobalConnection()); }
+
+void setBootApplyRecord(const std::string& record, const std::shared_ptr<DBStore::StoreConnection>& conn) {
   WriteTransaction(Of(conn), [&] {
     SetMeta(Of(conn), "bootApplyRecord", record);
     SetMeta(Of(conn), "isBootComplete", "1");
@@ -570,7 +580,9 @@ std::shared_ptr<ConfigStoreObject> ConfigStore::GetObject(const ConfigStoreObjec
   return First(ReadObjects(kCurrentObjects, id, conn_, nullptr, false));
 }
 
-void ConfigStore::SetObject(const StoreObject& object) {
+void ConfigStore::SetObject(const StoreObject& object) { SetObject(object, conn_); }
+
+void ConfigStore::SetObject(const StoreObject& object, const std::shared_ptr<DBStore::StoreConnection>& conn) {
   const ConfigStoreObjectId& id = object.GetConfigStoreObjectId();
   const std::string text = QenPlatform::CompactJson(object.GetJson());
   // A key whose schema says it is user configuration is user configuration;
@@ -580,8 +592,8 @@ void ConfigStore::SetObject(const StoreObject& object) {
     auto schema = schemas->GetSchema(id.GetComponent(), id.GetGroup(), id.GetKey());
     if (schema && !schema->GetUserConfigText().empty()) category = "user";
   }
-  WriteTransaction(Of(conn_), [&] {
-    Cursor c(Of(conn_),
+  WriteTransaction(Of(conn), [&] {
+    Cursor c(Of(conn),
              "INSERT INTO config_object(scope, component, grp, name, identifier, category,"
              " current_value, ordinal) VALUES('host', ?1, ?2, ?3, ?4, ?6, ?5,"
              " (SELECT COALESCE(MAX(ordinal), 0) + 1 FROM config_object WHERE scope = 'host' AND"

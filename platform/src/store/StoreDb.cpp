@@ -8,9 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include <boost/filesystem.hpp>
-
 #include "CSLogger.h"
+#include "HostFiles.h"
 #include "HostRoot.h"
 
 namespace QenConfigStore {
@@ -43,18 +42,17 @@ bool IsCorruption(int rc) {
 }
 
 void CreateDatabaseFile(const std::string& physical) {
-  boost::system::error_code ec;
-  boost::filesystem::create_directories(boost::filesystem::path(physical).parent_path(), ec);
-  if (ec)
+  if (!QenPlatform::MakeDirectories(physical.substr(0, physical.rfind('/')), 0700))
     Fail(STORE_OPEN_FAILED, "Cannot create the directory of configuration store " + DbName() +
-                                ": " + ec.message());
-  // Created here, not by SQLite, so that it is never readable by others;
-  // SQLite gives its WAL and shared-memory files the same mode.
+                                ": " + std::strerror(errno));
+  // Created here, not by SQLite, so that it is never readable by others (and
+  // always writable by its owner, whatever the umask); SQLite gives its WAL
+  // and shared-memory files the same mode.
   int fd = ::open(physical.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-  if (fd < 0)
-    Fail(STORE_OPEN_FAILED,
-         "Cannot create configuration store " + DbName() + ": " + std::strerror(errno));
-  ::close(fd);
+  const bool made = fd >= 0 && ::fchmod(fd, 0600) == 0;
+  const int err = errno;
+  if (fd >= 0) ::close(fd);
+  if (!made) Fail(STORE_OPEN_FAILED, "Cannot create configuration store " + DbName() + ": " + std::strerror(err));
 }
 
 void InitSchema(Impl& impl) {

@@ -67,7 +67,7 @@ class Call {
   // Physical path of a logical host path ("/etc/ntp.conf").
   static std::string HostPath(const std::string& logical);
   // Writes `text` to the logical path atomically (temporary file, rename) with
-  // `mode`, creating missing directories; throws std::runtime_error naming
+  // `mode`, creating missing directories (0755); throws std::runtime_error naming
   // the path on failure.
   static void WriteHostFile(const std::string& logical, const std::string& text, int mode = 0644);
   // The file's content; false when it does not exist (throws when unreadable).

@@ -150,7 +150,7 @@ class PluginRequest:
         try:
             with open(path, "rb") as stream:
                 document = json.load(stream, object_pairs_hook=_Members)
-        except (OSError, ValueError):
+        except (OSError, ValueError, RecursionError):
             raise RuntimeError("Failed to load plugin input json.") from None
         return cls(document)
 

@@ -49,7 +49,14 @@ class ApplyResult:
 
     def Save(self, path):
         text = json.dumps(self.ToJson(), separators=(",", ":"))
-        fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600)
+        # A new owner-only file: whatever is at the path goes first, and a
+        # link planted in between fails the call instead of being followed.
+        try:
+            os.unlink(path)
+        except FileNotFoundError:
+            pass
+        fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600)
+        os.fchmod(fd, 0o600)
         with os.fdopen(fd, "w", encoding="utf-8") as stream:
             stream.write(text)
 

@@ -56,6 +56,11 @@ def _behave(call):
         with open(qenplugin.HostPath(OUTPUT), "w") as stream:
             stream.write('{"error": {"msgId": "", "args": []}, "padding": "%s"}' % ("x" * (8 << 20)))
         os._exit(0)
+    if verb == "deep":
+        # A result nested 100,000 levels deep.
+        with open(qenplugin.HostPath(OUTPUT), "w") as stream:
+            stream.write('{"error": {"msgId": "", "args": []}, "padding": %s%s}' % ("[" * 100000, "]" * 100000))
+        os._exit(0)
     if verb == "noise":
         with open(qenplugin.HostPath(OUTPUT), "wb") as stream:
             stream.write(os.urandom(4 << 20))
