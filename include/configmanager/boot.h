@@ -23,9 +23,16 @@
 #include <string>
 #include <vector>
 
-#include "configmanager/common.h"
+#include "configmanager/apply.h"
 
 namespace QenConfigManager {
+
+// The auto-deployment files (logical paths). Staging a reboot-impact boot
+// document moves them into the store object qen/bootstrap/autodeploy
+// ("waiter_notify": the JSON text, "firewall": the XML text byte for byte);
+// the next boot-time apply writes them back.
+constexpr const char* kAutoDeployNotifyFile = "/etc/corvane/autodeploy/waiterNotify.json";
+constexpr const char* kAutoDeployFirewallFile = "/etc/corvane/firewall/autodeploy.xml";
 
 // ---- boot apply record ------------------------------------------------------
 
@@ -68,5 +75,38 @@ struct QCM_EXPORT BootApplyInfo {
 // The outcome of the last boot. Throws the store's failures and 1082 for a
 // malformed boot apply state or record.
 QCM_EXPORT BootApplyInfo GetBootApplyInfo();
+
+// ---- boot-time apply ----------------------------------------------------------
+
+// The boot-time apply: writes the auto-deployment files back from the store
+// (each whole or not at all), remediates the host to the stored desired
+// configuration with the boot-capable apply plugins only (the others are
+// skipped with a priority-0 line each), and replaces the boot apply record
+// (also after a plugin failure). 0 when the remediation reported no error,
+// else 1; a failure before the remediation writes no record.
+QCM_EXPORT int ExecuteBootPlugins();
+
+// Bootstraps the host from the document file at logical `path`: validated,
+// its impact computed, then on a reboot impact staged for the next boot in
+// one store transaction together with the auto-deployment files (which are
+// removed), otherwise applied to the running host at once (maintenance mode
+// is not checked). 0 on success, 1 on any failure; a failed staging commits
+// nothing.
+QCM_EXPORT int ApplyBootDocument(const std::string& path);
+
+// One apply input per key (SET) or instance (ADD) of `desired` (with or
+// without "profile"), in document order, without any drift computation.
+// Throws ConfigManagerException 2180 (no schema store), 2021 (a key without
+// schema, with the key's text form), ConfigStoreException 1082 (a document
+// of the wrong shape, an instance without its identifier member).
+QCM_EXPORT DesiredConfigInputList GenerateBootTimeTasks(const rapidjson::Document& desired);
+
+// Reads the document file at logical `input`, resolves it for this host
+// (its "host-specific" and "host-override" sections merged into "profile")
+// and writes it compactly to logical `output` (replaced at once; an output
+// that cannot be written is not reported). Throws SchemaNotFound 2021
+// "Schema not found for some key(s)." when a key has no schema, and the
+// file read's 2080.
+QCM_EXPORT void CreateMergedBootDocument(const std::string& input, const std::string& output);
 
 }  // namespace QenConfigManager
