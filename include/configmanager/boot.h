@@ -109,4 +109,14 @@ QCM_EXPORT DesiredConfigInputList GenerateBootTimeTasks(const rapidjson::Documen
 // file read's 2080.
 QCM_EXPORT void CreateMergedBootDocument(const std::string& input, const std::string& output);
 
+// ---- early bootstrap ------------------------------------------------------------
+
+// Applies the "authentication" (first) and "network" / "network_vss" (then)
+// groups of component "qen" of the document `documentText`, each against the
+// host's current configuration of just those groups. The whole document is
+// validated and its impact computed first; a reboot impact is refused.
+// 0 on success or when the host already complies, else 1. A failed first
+// stage skips the second; a failed second stage leaves the first applied.
+QCM_EXPORT int ApplyEarlyBootstrapConfig(const std::string& documentText);
+
 }  // namespace QenConfigManager
