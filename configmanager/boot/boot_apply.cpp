@@ -10,6 +10,7 @@
 #include "HostRoot.h"
 #include "QenConfigStore.h"
 #include "apply/apply_runner.h"
+#include "boot/entry_point.h"
 #include "common/document_files.h"
 #include "configmanager/boot.h"
 #include "configmanager/extract.h"
@@ -158,43 +159,48 @@ int BootstrapFromDocument(const std::string& path) {
   return 0;
 }
 
+int ApplyAtBoot() {
+  FeatureState_InitSilentMode();
+  std::shared_ptr<ConfigStore> store = RequireStore();
+  RegenerateAutoDeployFiles(*store);
+  std::shared_ptr<QenConfigStore::JsonDoc> desired = ExtractDesiredConfiguration();
+  const ErrorInfo error = RemediateHost(desired->GetDocument(), "", TaskHandle::Dummy(), true);
+  int result = 0;
+  if (!error.msgId.empty()) {
+    CSLogger::Log(0, "Failed to apply boot-time configuration errId=%s", error.msgId.c_str());
+    result = 1;
+  }
+  // A successful boot is recorded too: its empty identifier is what tells
+  // management tools that the host came up as desired.
+  QenConfigStore::setBootApplyRecord(BootApplyErrorInfo(std::time(nullptr), error).Serialize(),
+                                     store->GetConnection());
+  return result;
+}
+
 }  // namespace
 
-int ExecuteBootPlugins() {
+int RunBootEntryPoint(const std::function<int()>& body, const std::function<void(const char* reason)>& report) {
   try {
-    FeatureState_InitSilentMode();
-    std::shared_ptr<ConfigStore> store = RequireStore();
-    RegenerateAutoDeployFiles(*store);
-    std::shared_ptr<QenConfigStore::JsonDoc> desired = ExtractDesiredConfiguration();
-    const ErrorInfo error = RemediateHost(desired->GetDocument(), "", TaskHandle::Dummy(), true);
-    int result = 0;
-    if (!error.msgId.empty()) {
-      CSLogger::Log(0, "Failed to apply boot-time configuration errId=%s", error.msgId.c_str());
-      result = 1;
-    }
-    // A successful boot is recorded too: its empty identifier is what tells
-    // management tools that the host came up as desired.
-    QenConfigStore::setBootApplyRecord(BootApplyErrorInfo(std::time(nullptr), error).Serialize(),
-                                       store->GetConnection());
-    return result;
+    return body();
   } catch (const std::exception& e) {
-    CSLogger::Log(0, "Failed to apply boot-time configuration. %s", e.what());
+    report(e.what());
   } catch (...) {
-    CSLogger::Log(0, "Failed to apply boot-time configuration. %s", "unknown exception");
+    report("unknown exception");
   }
   return 1;
 }
 
+int ExecuteBootPlugins() {
+  return RunBootEntryPoint(ApplyAtBoot, [](const char* reason) {
+    CSLogger::Log(0, "Failed to apply boot-time configuration. %s", reason);
+  });
+}
+
 int ApplyBootDocument(const std::string& path) {
   CSLogger::Log(2, "Bootstrap host using configuration document {%s}", path.c_str());
-  try {
-    return BootstrapFromDocument(path);
-  } catch (const std::exception& e) {
-    CSLogger::Log(0, "Failed to bootstrap host error=%s", e.what());
-  } catch (...) {
-    CSLogger::Log(0, "Failed to bootstrap host error=%s", "unknown exception");
-  }
-  return 1;
+  return RunBootEntryPoint([&] { return BootstrapFromDocument(path); }, [](const char* reason) {
+    CSLogger::Log(0, "Failed to bootstrap host error=%s", reason);
+  });
 }
 
 DesiredConfigInputList GenerateBootTimeTasks(const rapidjson::Document& desired) {

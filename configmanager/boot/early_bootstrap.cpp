@@ -5,6 +5,7 @@
 #include "CSLogger.h"
 #include "ConfigStoreDocument.h"
 #include "apply/apply_runner.h"
+#include "boot/entry_point.h"
 #include "configmanager/boot.h"
 #include "configmanager/extract.h"
 #include "configmanager/validate.h"
@@ -111,14 +112,9 @@ int Bootstrap(const std::string& documentText) {
 
 int ApplyEarlyBootstrapConfig(const std::string& documentText) {
   CSLogger::Log(2, "%s invoked.", kOperation);
-  try {
-    return Bootstrap(documentText);
-  } catch (const std::exception& e) {
-    CSLogger::Log(0, "%s: error=%s", kOperation, e.what());
-  } catch (...) {
-    CSLogger::Log(0, "%s: error=%s", kOperation, "unknown exception");
-  }
-  return 1;
+  return RunBootEntryPoint([&] { return Bootstrap(documentText); }, [](const char* reason) {
+    CSLogger::Log(0, "%s: error=%s", kOperation, reason);
+  });
 }
 
 }  // namespace QenConfigManager

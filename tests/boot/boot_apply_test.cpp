@@ -19,45 +19,6 @@ using namespace QenConfigManager;
 
 namespace {
 
-std::string KeySchema(const std::string& group, const std::string& key, bool singleton,
-                      const std::string& extra = "") {
-  const std::string item =
-      R"({"type": "object", "properties": {"name": {"type": "string"}, "v": {"type": "integer"}}, "additionalProperties": false})";
-  return R"({"component": "test", "group": ")" + group + R"(", "key": ")" + key + R"(", "userConfig": "u", )" + extra +
-         (singleton ? R"("singleton": true, "schema": )" + item
-                    : R"("singleton": false, "instanceId": "name", "schema": {"type": "array", "items": )" + item + "}") +
-         "}";
-}
-
-// Records each input in the store and appends "<plugin> <op>:<key>[/<id>]..."
-// to /tmp/applied.txt. /tmp/fail-<plugin> makes it fail, /tmp/die-<plugin>
-// kills it.
-const char* kApplyPy = R"(import os, signal
-import qenplugin
-
-def apply(call):
-    me = call.request.GetId()
-    if os.path.exists(qenplugin.HostPath("/tmp/fail-" + me)):
-        raise qenplugin.PluginError("corvane.qen.settings.test.apply-failed", [me])
-    if os.path.exists(qenplugin.HostPath("/tmp/die-" + me)):
-        os.kill(os.getpid(), signal.SIGKILL)
-    line = me
-    for item in call.request.GetData():
-        oid = item.object.GetConfigStoreObjectId()
-        line += " %s:%s%s" % (item.operation, oid.key, "/" + oid.instance if oid.instance else "")
-        if item.operation == "DELETE":
-            call.store.DeleteObject(oid)
-        else:
-            call.store.SetObject(oid, item.object.GetValue())
-    with open(qenplugin.HostPath("/tmp/applied.txt"), "a") as f:
-        f.write(line + "\n")
-)";
-
-std::string V3(const std::string& accepts, const std::string& group, bool boot) {
-  return R"({"version": 3, "type": "python", "accepts": [)" + accepts + R"(], "apply": {"apply_group": ")" + group +
-         R"(", "boot": )" + (boot ? "true" : "false") + R"(, "REMEDIATE": {"provides": ")" + group + R"(-p", "depends": []}}})";
-}
-
 const char* kNotify = "/etc/corvane/autodeploy/waiterNotify.json";
 const char* kFirewall = "/etc/corvane/firewall/autodeploy.xml";
 // Not a JSON-safe text: quotes, a NUL-free control byte, no final newline.
@@ -67,13 +28,17 @@ class BootTest : public QenTest::CustomHostTest {
  protected:
   void SetUp() override {
     CustomHostTest::SetUp();
-    WriteKeySchema("test", "net", "a", KeySchema("net", "a", true));
-    WriteKeySchema("test", "net", "list", KeySchema("net", "list", false));
-    WriteKeySchema("test", "sys", "c", KeySchema("sys", "c", true));
-    WriteKeySchema("test", "sys", "k", KeySchema("sys", "k", true,
-                                                 R"("rebootRequired": {"operations": ["SET", "ADD", "DELETE"]}, )"));
-    WritePythonPlugin("alpha", V3(R"("test:net:a", "test:net:list", "test:sys:k")", "network", true), kApplyPy);
-    WritePythonPlugin("gamma", V3(R"("test:sys:c")", "system", false), kApplyPy);
+    using QenTest::TestKeySchema;
+    WriteKeySchema("test", "net", "a", TestKeySchema("net", "a", true));
+    WriteKeySchema("test", "net", "list", TestKeySchema("net", "list", false));
+    WriteKeySchema("test", "sys", "c", TestKeySchema("sys", "c", true));
+    WriteKeySchema("test", "sys", "k", TestKeySchema("sys", "k", true,
+                                                     R"("rebootRequired": {"operations": ["SET", "ADD", "DELETE"]}, )"));
+    WritePythonPlugin("alpha", QenTest::V3ApplyManifest(R"("test:net:a", "test:net:list", "test:sys:k")", "network",
+                                                        "alpha", true),
+                      QenTest::kRecordingApplyPy);
+    WritePythonPlugin("gamma", QenTest::V3ApplyManifest(R"("test:sys:c")", "system", "gamma", false),
+                      QenTest::kRecordingApplyPy);
     LoadStore(kStore);
     // The sample host's own auto-deployment files: each test writes its own.
     QenPlatform::RemoveFile(Path(kNotify));
@@ -119,7 +84,7 @@ TEST_F(BootTest, BootApplyAppliesTheDesiredConfigurationWithBootPluginsAndRecord
                "desired": {"test": {"net": {"a": {"v": 2}}, "sys": {"c": {"v": 2}}}}},
                "bootApplyState": {"isBootComplete": false, "bootApplyRecord": ""}})");
   EXPECT_EQ(ExecuteBootPlugins(), 0);
-  EXPECT_EQ(Applied(), std::vector<std::string>{"alpha SET:a"});
+  EXPECT_EQ(Applied(), std::vector<std::string>{R"(alpha SET:a={"v":"SET"})"});
   EXPECT_TRUE(log_.Contains(0, "Plugin=gamma does not support boot-time remediation for csoid=comp test grp sys key c"));
   // Without the auto-deployment object no file is written.
   EXPECT_FALSE(Exists(kNotify));
@@ -234,7 +199,7 @@ TEST_F(BootTest, RebootDocumentIsStagedWithTheAutoDeploymentFilesAndAppliedAtThe
 TEST_F(BootTest, OtherImpactsAreAppliedAtOnce) {
   WriteAutoDeployFiles();
   EXPECT_EQ(ApplyBootDocument(Document(R"({"v": 3})", R"({"v": 1})", R"({"v": 3})")), 0);
-  EXPECT_EQ(Applied(), (std::vector<std::string>{"alpha SET:a", "gamma SET:c"}));
+  EXPECT_EQ(Applied(), (std::vector<std::string>{R"(alpha SET:a={"v":"SET"})", R"(gamma SET:c={"v":"SET"})"}));
   EXPECT_TRUE(log_.Contains(2, "Host boostrap with configuration successful."));
   EXPECT_TRUE(Exists(kNotify));
   EXPECT_EQ(QenConfigStore::GetBootMode(), QenConfigStore::BOOTMODE_NORMAL);

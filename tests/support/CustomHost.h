@@ -29,6 +29,23 @@ class CustomHostTest : public HostRootTest {
   void EnableFeature(const std::string& name);
 };
 
+// A key schema file for test/<group>/<key> whose values are {"name": string,
+// "v": integer}: one object (singleton) or instances named by "name".
+// `extra` adds members to the file (each ending in ", ").
+std::string TestKeySchema(const std::string& group, const std::string& key, bool singleton,
+                          const std::string& extra = "");
+
+// A version-3 Python plugin manifest with one apply operation.
+std::string V3ApplyManifest(const std::string& accepts, const std::string& applyGroup,
+                            const std::string& provides, bool boot);
+
+// plugin.py of an apply plugin that records each input in the store and
+// appends "<plugin> <op>:<key>[/<instance>][=<drift>]..." to /tmp/applied.txt.
+// A cue makes plugin <id> fail ("fail"), die by a signal ("die") or write a
+// broken result file ("garbage"): the context "<cue>:<id>", or a file
+// /tmp/<cue>-<id> (boot-time apply passes no context).
+extern const char* const kRecordingApplyPy;
+
 // A task handle that records what an operation reports and aborts on cue.
 class RecordingTask : public QenConfigManager::TaskHandle {
  public:
