@@ -99,10 +99,6 @@ TEST_F(BootCommandTest, FailuresExitOneWithTheirLines) {
   for (boost::filesystem::directory_iterator it(Path("/var/corvane/lifecycle")), end; it != end; ++it)
     EXPECT_EQ(it->path().filename().string().rfind("qenconfig-", 0), std::string::npos) << it->path();
 
-  Outcome missing = Run({"boot", "early", Root() + "/absent.json"});
-  EXPECT_EQ(missing.exit, 1);
-  EXPECT_EQ(missing.err, "error: cannot read file \"" + Root() + "/absent.json\": No such file or directory\n");
-
   QenPlatform::RemoveFile(Path(kFirewall));
   Outcome noFirewall = Run({"boot", "document", std::string(kDocs) + "boot-reboot.json"});
   EXPECT_EQ(noFirewall.exit, 1);
@@ -123,13 +119,6 @@ TEST_F(BootCommandTest, MergeWritesThisHostsDocument) {
   Outcome unknown = Run({"boot", "merge", UserFile("unknown.json", R"({"profile": {"x": {"y": {"z": {}}}}})"), out});
   EXPECT_EQ(unknown.exit, 1);
   EXPECT_EQ(unknown.err, "error 2021: Schema not found for some key(s).\n");
-}
-
-TEST_F(BootCommandTest, HelpSaysWhatABootSequenceRuns) {
-  Outcome help = Run({"boot", "--help"});
-  EXPECT_EQ(help.exit, 0);
-  EXPECT_NE(help.out.find("A boot sequence runs `qenconfig store boot`"), std::string::npos) << help.out;
-  EXPECT_NE(help.out.find("and then `qenconfig boot apply`"), std::string::npos) << help.out;
 }
 
 }  // namespace
