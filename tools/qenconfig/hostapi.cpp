@@ -152,19 +152,18 @@ std::string ValueText(const std::string& value) {
   return !value.empty() && value[0] == '@' ? qenconfig::ReadUserFile(value.substr(1)) : value;
 }
 
-// GetConfig refuses a key that is not user configuration (2181); its current
-// value is what the change starts from.
-void ShowCurrent(const KeyArgs& args) {
+// The host configuration API is for user configuration only: GetConfig
+// refuses any other key (2181).
+void RequireUserConfig(const KeyArgs& args) {
   std::string defaults, current, userConfig;
   GetConfig(args.component, args.group, args.key, defaults, current, userConfig);
-  std::cout << args.Name() << " current: " << (current.empty() ? "(none)" : current) << "\n";
 }
 
 // Ctrl-C from the start: reading the current value through a plugin takes
 // no task handle, so a stop then takes effect once the read returns.
 int Set(const ChangeArgs& args) {
   qenconfig::CatchInterrupts();
-  ShowCurrent(args);
+  RequireUserConfig(args);
   rapidjson::Document value, desired, current, relevant;
   std::vector<ValidationErrorInfo> errors;
   if (!ValidateInputSet(args.component, args.group, args.key, ValueText(args.value), value, errors)) {
@@ -190,7 +189,7 @@ int Set(const ChangeArgs& args) {
 
 int Delete(const ChangeArgs& args) {
   qenconfig::CatchInterrupts();
-  ShowCurrent(args);
+  RequireUserConfig(args);
   ValidateInputDelete(args.component, args.group, args.key);
   rapidjson::Document current, relevant;
   GenerateDeleteDocuments(args.component, args.group, args.key, current, relevant);
