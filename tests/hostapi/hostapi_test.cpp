@@ -29,26 +29,6 @@ std::string Schema(const std::string& group, const std::string& key, bool single
 const char* kReboot = R"("userConfig": "u", "rebootRequired": {"operations": ["SET", "ADD", "DELETE"], "perProperty": false}, )";
 const char* kMaint = R"("userConfig": "u", "maintenanceModeRequired": {"operations": ["SET", "ADD", "DELETE"], "perProperty": false}, )";
 
-// Records each input in the store and in /tmp/applied.txt; fails when
-// /tmp/fail exists.
-const char* kApplyPy = R"(import os
-import qenplugin
-
-def apply(call):
-    if os.path.exists(qenplugin.HostPath("/tmp/fail")):
-        raise qenplugin.PluginError("corvane.qen.settings.test.apply-failed", [call.request.GetId()])
-    line = call.request.GetId()
-    for item in call.request.GetData():
-        oid = item.object.GetConfigStoreObjectId()
-        line += " %s:%s%s" % (item.operation, oid.key, "/" + oid.instance if oid.instance else "")
-        if item.operation == "DELETE":
-            call.store.DeleteObject(oid)
-        else:
-            call.store.SetObject(oid, item.object.GetValue())
-    with open(qenplugin.HostPath("/tmp/applied.txt"), "a") as f:
-        f.write(line + "\n")
-)";
-
 // Extracts test/net/list: the objects listed in answer.txt beside it
 // ([[instance, value], ...]), or "fail".
 const char* kExtractPy = R"(import json, os
@@ -104,7 +84,7 @@ class HostApiTest : public QenTest::CustomHostTest {
     WritePythonPlugin("alpha", R"({"version": 3, "type": "python",
         "accepts": ["test:net:a", "test:net:list", "test:sys:boot", "test:sys:bootlist", "test:sys:mm"],
         "apply": {"apply_group": "network", "boot": true, "REMEDIATE": {"provides": "alpha", "depends": []}}})",
-                      kApplyPy);
+                      QenTest::kRecordingApplyPy);
     WritePythonPlugin("val", R"({"version": 3, "type": "python", "accepts": ["test:net:a"],
         "validation": {"supports": true, "references": ["test:g:dep"]}})", "");
     SetFeature(false);
@@ -292,7 +272,7 @@ TEST_F(HostApiTest, DependentsFillTheRelevantDocumentUnlessOneIsStaged) {
 TEST_F(HostApiTest, SetAndDeleteApplyAtOnceWithoutImpact) {
   auto task = std::make_shared<RecordingTask>();
   EXPECT_TRUE(Set("net", "a", R"({"name": "abc", "v": 5})", NO_IMPACT, task).IsEmpty());
-  EXPECT_EQ(Applied(), std::vector<std::string>{"alpha SET:a"});
+  EXPECT_EQ(Applied(), std::vector<std::string>{"alpha SET:a={\"v\":\"SET\"}"});
   EXPECT_EQ(Current("net", "a"), R"({"name":"abc","v":5})");
   EXPECT_EQ(task->Progress().back(), 100.0f);
   EXPECT_TRUE(log_.Contains(3, "Setting configuration Successful"));
@@ -313,7 +293,7 @@ TEST_F(HostApiTest, SetAndDeleteApplyAtOnceWithoutImpact) {
   EXPECT_EQ(Applied().size(), 3u);
   EXPECT_TRUE(log_.Contains(3, "Host is already compliant. Nothing needs to be changed."));
 
-  WriteFile("/tmp/fail", "");
+  WriteFile("/tmp/apply-cue", "fail:alpha");
   EXPECT_EQ(Set("net", "list", R"([{"name": "l0"}])", NO_IMPACT),
             ErrorInfo("corvane.qen.settings.test.apply-failed", {"alpha"}, "test.net.a"));
   EXPECT_TRUE(log_.Contains(0, "Setting configuration Failed"));
@@ -335,7 +315,7 @@ TEST_F(HostApiTest, MaintenanceModeIsRequiredWhenTheImpactSaysSo) {
   WriteFile("/var/run/corvane/sysinfo.json", R"({"interfaceCount": 21, "maintenanceMode": 1})");
   EXPECT_TRUE(Set("sys", "mm", R"({"name": "mm", "v": 2})", MAINTENANCE_MODE_REQUIRED).IsEmpty());
   EXPECT_TRUE(Delete("sys", "mm", MAINTENANCE_MODE_REQUIRED).IsEmpty());
-  EXPECT_EQ(Applied(), (std::vector<std::string>{"alpha SET:mm", "alpha DELETE:mm"}));
+  EXPECT_EQ(Applied(), (std::vector<std::string>{"alpha SET:mm={\"v\":\"SET\"}", "alpha DELETE:mm"}));
 }
 
 TEST_F(HostApiTest, RebootImpactStagesForTheNextBoot) {
