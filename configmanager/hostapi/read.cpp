@@ -54,8 +54,12 @@ bool ReadThroughPlugin(const ConfigStoreObjectId& id, const std::shared_ptr<Sche
   for (const auto& object : result.objects) {
     if (!SameKey(object->GetConfigStoreObjectId(), id)) continue;
     if (!IsValidCSO(schema, object)) {
-      CSLogger::Log(0, "Found an invalid CSO: {%s}",
-                    ConfigStoreDocument::NormalizeValue(object->GetJson()).c_str());
+      // Sensitive values never reach the log.
+      rapidjson::Document shown;
+      shown.CopyFrom(object->GetJson(), shown.GetAllocator());
+      ConfigStoreDocument::CleanupObject(shown, ValueSchema(*schema),
+                                         {ConfigStoreDocument::REDACT_SENSITIVE}, shown.GetAllocator());
+      CSLogger::Log(0, "Found an invalid CSO: {%s}", ConfigStoreDocument::NormalizeValue(shown).c_str());
       ThrowException<ConfigManagerException>(EXTRACT_INVALID_CONFIG, plugin.GetId());
     }
     objects.push_back(object);

@@ -32,9 +32,10 @@ namespace QenConfigManager {
 
 // The key's default and current configuration as value text (an object for
 // a singleton key, an array of instances otherwise; "" when there is none),
-// cleaned for presentation: generated identifiers, values equal to their
-// schema default and empty members removed, instances sorted, solution-user
-// instances left out. `userConfigText` is the schema's user-configuration
+// cleaned for presentation: generated identifiers, members equal to their
+// schema default (unless required) and empty members removed, nested
+// instance arrays sorted, solution-user instances left out; instances in
+// the order they are stored (or the plugin returned them). `userConfigText` is the schema's user-configuration
 // text. Throws ConfigManagerException 2180 (no schema store), 2021 (no
 // schema), 2181 (not user configuration), the store's 2001, and the plugin
 // read's 2031, 2032, 2033.

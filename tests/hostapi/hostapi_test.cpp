@@ -18,7 +18,7 @@ std::string Schema(const std::string& group, const std::string& key, bool single
                    const std::string& extra = R"("userConfig": "u", )") {
   const std::string item = R"({"type": "object", "properties": {
       "name": {"type": "string", "minLength": 2, "pattern": "^[a-z0-9]+$"},
-      "v": {"type": "integer", "default": 0}}})";
+      "v": {"type": "integer", "default": 0}, "secret": {"type": "string", "sensitive": true}}})";
   return R"({"component": "test", "group": ")" + group + R"(", "key": ")" + key + R"(", )" + extra +
          (singleton ? R"("singleton": true, "schema": )" + item
                     : R"("singleton": false, "instanceId": "name", "schema": {"type": "array", "items": )" +
@@ -223,10 +223,11 @@ TEST_F(HostApiTest, CurrentValueThroughTheExtractPluginWhenSwitchedOn) {
   ExtractPlugin("ex", R"("fail")");
   EXPECT_EQ(Failure<ConfigManagerException>([&] { Current("net", "list"); }),
             "2031 Extract plugin failed: ex [ex]");
-  ExtractPlugin("ex", R"([["p0", {"name": "p0", "v": "seven"}]])");
+  ExtractPlugin("ex", R"([["p0", {"name": "p0", "v": "seven", "secret": "hush"}]])");
   EXPECT_EQ(Failure<ConfigManagerException>([&] { Current("net", "list"); }),
             "2032 Extract plugin(s) returned invalid config: ex [ex]");
-  EXPECT_TRUE(log_.Contains(0, R"(Found an invalid CSO: {{"name":"p0","v":"seven"}})"));
+  EXPECT_TRUE(log_.Contains(0, R"x(Found an invalid CSO: {{"name":"p0","secret":"(redacted)","v":"seven"}})x"));
+  for (const auto& line : log_.Lines()) EXPECT_EQ(line.second.find("hush"), std::string::npos) << line.second;
   ExtractPlugin("ex2", "[]");
   EXPECT_EQ(Failure<ConfigManagerException>([&] { Current("net", "list"); }),
             "2033 Multiple extract plugins found for config: comp test grp net key list "
