@@ -108,6 +108,12 @@ TEST_F(HostApiCliTest, RebootChangeNeedsConfirmationAndIsStaged) {
                          "terminal, so confirm it with --yes\n");
   EXPECT_EQ(HostState(), before);
 
+  // Outside maintenance mode a change that needs it is refused without asking.
+  Outcome maintenance = Run({"set", "network", "interfaces", "nic", R"([{"name": "nic0", "mtu": 9000}])"});
+  EXPECT_EQ(maintenance.exit, 1);
+  EXPECT_EQ(maintenance.err, "error 2026: The host must be in maintenance mode for apply to proceed.\n");
+  EXPECT_EQ(HostState(), before);
+
   // Answered "n" on a terminal: nothing changes.
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
   ASSERT_GE(master, 0);

@@ -115,6 +115,8 @@ int ReviewImpact(const ImpactResult& impact, const ChangeArgs& args) {
   for (const ImpactInfo& info : impact.impactInfo)
     std::cout << "  " << info.msgId << (info.args.empty() ? "" : " (" + Joined(info.args) + ")") << "\n";
   if (impact.impact == NO_IMPACT || args.yes) return 0;
+  // Outside maintenance mode the change is refused (2026) whatever the answer.
+  if (impact.impact == MAINTENANCE_MODE_REQUIRED && !IsMaintenanceModeEnabled()) return 0;
 
   const char* why = impact.impact == REBOOT_REQUIRED ? "takes effect only after a reboot"
                                                      : "needs the host in maintenance mode";
