@@ -45,6 +45,35 @@ q smartnic get
 q telemetry --exclude configManagerQenConfig
 q telemetry --include configManagerQenBiosUuid,configManagerRowCount --index 5 --json
 
+# Single keys: read one key, set one whose change has no impact (the resolver
+# plugin rewrites /etc/resolv.conf at once, and a compliance check against the
+# host with the new value goes from one drift to none), set one that needs a
+# reboot (staged, boot mode 4), and delete one.
+RESOLVER='{"servers": ["192.0.2.53", "192.0.2.54"], "search": ["lab.example"]}'
+"$QEN" --root "$HOST" extract current | python3 -c '
+import json, sys
+doc = json.load(sys.stdin)
+doc["network"]["dns"]["resolver"] = json.loads(sys.argv[1])
+print(json.dumps(doc, indent=3))' "$RESOLVER" > "$BUILD_DIR/demo-resolver.json"
+echo
+echo "# get: one key's default and current value"
+q get network dns resolver
+echo "# the host with the new resolver value drifts in that key only"
+q compliance "$BUILD_DIR/demo-resolver.json"
+echo "# set with no impact: applied at once, /etc/resolv.conf before and after"
+cat "$HOST/etc/resolv.conf"
+q set network dns resolver "$RESOLVER"
+cat "$HOST/etc/resolv.conf"
+echo "# compliance again: the host now has the new value"
+q compliance "$BUILD_DIR/demo-resolver.json"
+echo "# set that needs a reboot: confirmed with --yes, staged for the next boot"
+q set system boot kernel '{"iommu": true, "consoleLogLevel": 4}' --yes
+echo "# the store's boot mode is now 4 (single-key changes wait for the reboot)"
+q store stats
+echo "# delete: the resolver's configuration is removed from the host"
+q delete network dns resolver
+cat "$HOST/etc/resolv.conf"
+
 # Boot-time configuration: a document that needs a reboot is staged, a
 # simulated reboot applies it, and an early bootstrap document brings up
 # authentication and networking in two stages.

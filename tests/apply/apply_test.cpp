@@ -114,9 +114,11 @@ class ApplyTest : public QenTest::CustomHostTest {
     WriteKeySchema("test", "net", "list", QenTest::TestKeySchema("net", "list", false));
     WriteKeySchema("test", "g", "b", QenTest::TestKeySchema("g", "b", false));
     WriteKeySchema("test", "sys", "c", QenTest::TestKeySchema("sys", "c", true));
-    WritePythonPlugin("alpha", QenTest::V3ApplyManifest(R"("test:net:a", "test:net:list")", "network", "alpha", true), QenTest::kRecordingApplyPy);
+    WritePythonPlugin("alpha", QenTest::V3ApplyManifest(R"("test:net:a", "test:net:list")", "network", "alpha", true),
+                      QenTest::kRecordingApplyPy);
     WritePythonPlugin("test/g/b", kBetaManifest, QenTest::kRecordingApplyPy);
-    WritePythonPlugin("gamma", QenTest::V3ApplyManifest(R"("test:sys:c")", "system", "gamma", false), QenTest::kRecordingApplyPy);
+    WritePythonPlugin("gamma", QenTest::V3ApplyManifest(R"("test:sys:c")", "system", "gamma", false),
+                      QenTest::kRecordingApplyPy);
     WritePythonPlugin("imp", R"({"version": 3, "type": "python", "accepts": ["test:g:b"],
                                  "impact": {"supports": true, "cache_drift": ["test:g:b"]}})", kImpactPy);
     LoadStore(kStore);

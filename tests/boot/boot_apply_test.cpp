@@ -117,19 +117,18 @@ TEST_F(BootTest, BootApplyWritesTheAutoDeploymentFilesBackWholeAndPrivate) {
 TEST_F(BootTest, BootApplyFailuresReturnOneWithTheirLine) {
   // A plugin that fails, and one that dies: recorded, 1.
   LoadStore(R"({"host": {"current": {"test": {"net": {"a": {"v": 1}}}}, "desired": {"test": {"net": {"a": {"v": 2}}}}}})");
-  WriteFile("/tmp/fail-alpha", "");
+  WriteFile("/tmp/apply-cue", "fail:alpha");
   EXPECT_EQ(ExecuteBootPlugins(), 1);
   EXPECT_TRUE(log_.Contains(0, "Failed to apply boot-time configuration errId=corvane.qen.settings.test.apply-failed"));
   BootApplyInfo info = GetBootApplyInfo();
   ASSERT_EQ(info.records.size(), 1u);
   EXPECT_EQ(info.records[0].errorInfo.Serialize(), ErrorInfo("corvane.qen.settings.test.apply-failed", {"alpha"}, "test.net.a").Serialize());
-  QenPlatform::RemoveFile(Path("/tmp/fail-alpha"));
-  WriteFile("/tmp/die-alpha", "");
+  WriteFile("/tmp/apply-cue", "die:alpha");
   EXPECT_EQ(ExecuteBootPlugins(), 1);
   EXPECT_TRUE(log_.Contains(0, "Failed to apply boot-time configuration errId=corvane.qen.settings.apply.plugin.unexpected.error"));
 
   // Failures before the remediation write no record.
-  QenPlatform::RemoveFile(Path("/tmp/die-alpha"));
+  QenPlatform::RemoveFile(Path("/tmp/apply-cue"));
   auto failsBeforeApplying = [&](const std::string& line) {
     log_.Clear();
     EXPECT_EQ(ExecuteBootPlugins(), 1);
@@ -184,7 +183,7 @@ TEST_F(BootTest, OtherImpactsAreAppliedAtOnce) {
   EXPECT_TRUE(Exists(kNotify));
   EXPECT_EQ(QenConfigStore::GetBootMode(), QenConfigStore::BOOTMODE_NORMAL);
 
-  WriteFile("/tmp/fail-gamma", "");
+  WriteFile("/tmp/apply-cue", "fail:gamma");
   EXPECT_EQ(ApplyBootDocument(Document(R"({"v": 3})", R"({"v": 1})", R"({"v": 4})")), 1);
   EXPECT_TRUE(log_.Contains(0, "Failed to boostrap host with configuration."));
 }

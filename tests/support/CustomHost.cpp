@@ -66,24 +66,18 @@ std::string V3ApplyManifest(const std::string& accepts, const std::string& apply
 const char* const kRecordingApplyPy = R"(import os, signal
 import qenplugin
 
-def cue(call):
-    me = call.request.GetId()
-    verb, _, who = call.request.GetClusterContext().partition(":")
-    if who == me:
-        return verb
-    for verb in ("fail", "die", "garbage"):
-        if os.path.exists(qenplugin.HostPath("/tmp/%s-%s" % (verb, me))):
-            return verb
-    return None
-
 def apply(call):
     me = call.request.GetId()
-    verb = cue(call)
-    if verb == "fail":
+    cue = call.request.GetClusterContext()
+    if not cue and os.path.exists(qenplugin.HostPath("/tmp/apply-cue")):
+        with open(qenplugin.HostPath("/tmp/apply-cue")) as f:
+            cue = f.read().strip()
+    verb, _, who = cue.partition(":")
+    if who == me and verb == "fail":
         raise qenplugin.PluginError("corvane.qen.settings.test.apply-failed", [me])
-    if verb == "die":
+    if who == me and verb == "die":
         os.kill(os.getpid(), signal.SIGKILL)
-    if verb == "garbage":
+    if who == me and verb == "garbage":
         with open(qenplugin.HostPath("/var/corvane/lifecycle/cm-plugin-output.json"), "w") as f:
             f.write('{"error": ')
         os._exit(0)

@@ -39,11 +39,11 @@ std::string TestKeySchema(const std::string& group, const std::string& key, bool
 std::string V3ApplyManifest(const std::string& accepts, const std::string& applyGroup,
                             const std::string& provides, bool boot);
 
-// plugin.py of an apply plugin that records each input in the store and
-// appends "<plugin> <op>:<key>[/<instance>][=<drift>]..." to /tmp/applied.txt.
-// A cue makes plugin <id> fail ("fail"), die by a signal ("die") or write a
-// broken result file ("garbage"): the context "<cue>:<id>", or a file
-// /tmp/<cue>-<id> (boot-time apply passes no context).
+// A Python apply plugin that records each input in the store and appends
+// what it was given to /tmp/applied.txt: "<plugin> OP:key[/instance][=drift]
+// ...". A cue fails one plugin: the context, or when that is empty the file
+// /tmp/apply-cue, says "fail:<id>", "die:<id>" (killed by a signal) or
+// "garbage:<id>" (a broken result file).
 extern const char* const kRecordingApplyPy;
 
 // A task handle that records what an operation reports and aborts on cue.

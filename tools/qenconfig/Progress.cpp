@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 
 #include "Commands.h"
@@ -12,6 +13,9 @@ namespace {
 
 std::atomic<int> g_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "read and written in a signal handler");
+// Steady-clock ticks of the --timeout deadline; 0: none. Read by the plugin
+// launcher's monitor thread too.
+std::atomic<std::chrono::steady_clock::rep> g_deadline{0};
 
 void OnInterrupt(int sig) {
   int none = 0;
@@ -39,7 +43,7 @@ namespace {
 
 class InterruptibleTask : public QenConfigManager::TaskHandle {
  public:
-  bool IsAborted() override { return g_signal.load() != 0; }
+  bool IsAborted() override { return g_signal.load() != 0 || TimedOut(); }
 };
 
 class TerminalNotifications : public QenConfigManager::TaskHandle::Notifications {
@@ -87,6 +91,18 @@ std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what)
 }
 
 int InterruptSignal() { return g_signal.load(); }
+
+void AbortAfter(double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                            std::chrono::duration<double>(seconds));
+  g_deadline.store(deadline.time_since_epoch().count());
+}
+
+bool TimedOut() {
+  const auto deadline = g_deadline.load();
+  return deadline != 0 && std::chrono::steady_clock::now().time_since_epoch().count() >= deadline;
+}
 
 void ExitIfInterrupted() {
   if (int sig = InterruptSignal()) throw Interrupted{sig};

@@ -23,6 +23,12 @@ void CatchInterrupts();
 // The signal that asked the command to stop, or 0.
 int InterruptSignal();
 
+// From `seconds` from now on (> 0), every task handle of MakeProgressTask
+// reports an abort, as a signal would, without ending the command: it then
+// reports the aborted operation's outcome (TimedOut() tells why).
+void AbortAfter(double seconds);
+bool TimedOut();
+
 // Thrown by ExitIfInterrupted, turned into the exit status by Run.
 struct Interrupted {
   int signal;

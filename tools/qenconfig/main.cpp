@@ -70,8 +70,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer(
       "Exit codes: 0 ok, 1 failure, 2 usage, 3 not compliant (compliance); 128 + the signal (130,\n"
-      "143) when SIGINT or SIGTERM stopped a command that runs plugins: validate terminates its\n"
-      "running plugin, extract, export and compliance stop once their extraction has run; no\n"
+      "143) when SIGINT or SIGTERM stopped a command that runs plugins: validate, set and delete\n"
+      "terminate their running plugin (set and delete before the next apply plugin too; what\n"
+      "ran stays applied), extract, export and compliance stop once their extraction has run; no\n"
       "plugin and no plugin request or result file is left. A second signal ends qenconfig at\n"
       "once (its plugin with it). Errors go to stderr as \"error <code>: <message>\".");
   std::string root;
