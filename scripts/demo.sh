@@ -73,3 +73,30 @@ q store stats
 echo "# delete: the resolver's configuration is removed from the host"
 q delete network dns resolver
 cat "$HOST/etc/resolv.conf"
+
+# Boot-time configuration: a document that needs a reboot is staged, a
+# simulated reboot applies it, and an early bootstrap document brings up
+# authentication and networking in two stages.
+files() {  # the auto-deployment files, or that they are gone
+  local f
+  for f in /etc/corvane/autodeploy/waiterNotify.json /etc/corvane/firewall/autodeploy.xml; do
+    if [ -e "$HOST$f" ]; then echo "$f: $(wc -c <"$HOST$f") bytes"; else echo "$f: absent"; fi
+  done
+}
+echo
+echo "# A kernel option that needs a reboot: staged, the auto-deployment files move into the store."
+q boot document "$DOCS/boot-reboot.json"
+files
+q boot record
+q store stats
+echo
+echo "# Simulated reboot: the store makes the staged document current, the boot-time apply writes the files back and applies it."
+q store boot
+q -v 0 boot apply
+files
+echo "/etc/kernel/cmdline: $(cat "$HOST/etc/kernel/cmdline")"
+q boot record
+echo
+echo "# Early bootstrap: the root password first, then the virtual switch and the management network."
+q boot early "$DOCS/bootstrap-early.json"
+cat "$HOST/etc/corvane/network/vss/vss0.conf" "$HOST/etc/corvane/network/management.conf"

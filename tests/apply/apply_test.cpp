@@ -18,14 +18,6 @@ using QenTest::RecordingTask;
 
 namespace {
 
-std::string KeySchema(const std::string& group, const std::string& key, bool singleton) {
-  const std::string item = R"({"type": "object", "properties": {"name": {"type": "string"}, "v": {"type": "integer"}}})";
-  return R"({"component": "test", "group": ")" + group + R"(", "key": ")" + key + R"(", "userConfig": "u", )" +
-         (singleton ? R"("singleton": true, "schema": )" + item
-                    : R"("singleton": false, "instanceId": "name", "schema": {"type": "array", "items": )" + item + "}") +
-         "}";
-}
-
 // Answers the impact named in /tmp/impact.txt ("0", "1", "2" or "fail") and
 // writes what it was handed (operation, cached drift) to /tmp/impact-seen.txt.
 const char* kImpactPy = R"(import qenplugin
@@ -48,12 +40,6 @@ def impact(call):
     with open(qenplugin.HostPath("/tmp/impact-seen.txt"), "w") as f:
         f.write("\n".join(seen))
 )";
-
-std::string V3(const std::string& accepts, const std::string& group, const std::string& provides, bool boot) {
-  return R"({"version": 3, "type": "python", "accepts": [)" + accepts + R"(], "apply": {"apply_group": ")" + group +
-         R"(", "boot": )" + (boot ? "true" : "false") + R"(, "REMEDIATE": {"provides": ")" + provides +
-         R"(", "depends": []}}})";
-}
 
 const char* kBetaManifest = R"({"version": 2, "type": "python", "apply": {"apply_group": "storage", "boot": true,
   "operations": {"DELETE": {"provides": "beta", "depends": ["alpha"]}, "ADD": {"provides": "beta", "depends": ["alpha"]},
@@ -124,13 +110,15 @@ class ApplyTest : public QenTest::CustomHostTest {
  protected:
   void SetUp() override {
     CustomHostTest::SetUp();
-    WriteKeySchema("test", "net", "a", KeySchema("net", "a", true));
-    WriteKeySchema("test", "net", "list", KeySchema("net", "list", false));
-    WriteKeySchema("test", "g", "b", KeySchema("g", "b", false));
-    WriteKeySchema("test", "sys", "c", KeySchema("sys", "c", true));
-    WritePythonPlugin("alpha", V3(R"("test:net:a", "test:net:list")", "network", "alpha", true), QenTest::kRecordingApplyPy);
+    WriteKeySchema("test", "net", "a", QenTest::TestKeySchema("net", "a", true));
+    WriteKeySchema("test", "net", "list", QenTest::TestKeySchema("net", "list", false));
+    WriteKeySchema("test", "g", "b", QenTest::TestKeySchema("g", "b", false));
+    WriteKeySchema("test", "sys", "c", QenTest::TestKeySchema("sys", "c", true));
+    WritePythonPlugin("alpha", QenTest::V3ApplyManifest(R"("test:net:a", "test:net:list")", "network", "alpha", true),
+                      QenTest::kRecordingApplyPy);
     WritePythonPlugin("test/g/b", kBetaManifest, QenTest::kRecordingApplyPy);
-    WritePythonPlugin("gamma", V3(R"("test:sys:c")", "system", "gamma", false), QenTest::kRecordingApplyPy);
+    WritePythonPlugin("gamma", QenTest::V3ApplyManifest(R"("test:sys:c")", "system", "gamma", false),
+                      QenTest::kRecordingApplyPy);
     WritePythonPlugin("imp", R"({"version": 3, "type": "python", "accepts": ["test:g:b"],
                                  "impact": {"supports": true, "cache_drift": ["test:g:b"]}})", kImpactPy);
     LoadStore(kStore);

@@ -47,6 +47,22 @@ void CustomHostTest::EnableFeature(const std::string& name) {
   WriteFile("/etc/corvane/features.json", "{\"features\": {\"" + name + "\": true}}");
 }
 
+std::string TestKeySchema(const std::string& group, const std::string& key, bool singleton,
+                          const std::string& extra) {
+  const std::string item = R"({"type": "object", "properties": {"name": {"type": "string"}, "v": {"type": "integer"}}})";
+  return R"({"component": "test", "group": ")" + group + R"(", "key": ")" + key + R"(", "userConfig": "u", )" + extra +
+         (singleton ? R"("singleton": true, "schema": )" + item
+                    : R"("singleton": false, "instanceId": "name", "schema": {"type": "array", "items": )" + item + "}") +
+         "}";
+}
+
+std::string V3ApplyManifest(const std::string& accepts, const std::string& applyGroup,
+                            const std::string& provides, bool boot) {
+  return R"({"version": 3, "type": "python", "accepts": [)" + accepts + R"(], "apply": {"apply_group": ")" +
+         applyGroup + R"(", "boot": )" + (boot ? "true" : "false") + R"(, "REMEDIATE": {"provides": ")" + provides +
+         R"(", "depends": []}}})";
+}
+
 const char* const kRecordingApplyPy = R"(import os, signal
 import qenplugin
 

@@ -9,7 +9,7 @@ Only standard-library modules that the runner loads anyway are imported here;
 the store module (sqlite3) is imported on first use.
 """
 
-from .host import HostPath, HostRoot
+from .host import HostPath, HostRoot, RemoveHostFile, WriteHostFile
 from .request import (CachedDriftObject, ConfigStoreObject, ConfigStoreObjectId,
                       DesiredConfigInput, DriftObject, PluginRequest, RequestError)
 from .results import (ApplyResult, ErrorInfo, ExtractResult, ImpactResult, PluginError,
@@ -44,6 +44,7 @@ class Call:
 __all__ = [
     "ApplyResult", "CachedDriftObject", "Call", "ConfigStoreObject", "ConfigStoreObjectId",
     "DesiredConfigInput", "DriftObject", "ErrorInfo", "ExtractResult", "HostPath", "HostRoot",
-    "ImpactResult", "PluginError", "PluginRequest", "RequestError", "ValidationResult",
+    "ImpactResult", "PluginError", "PluginRequest", "RemoveHostFile", "RequestError",
+    "ValidationResult", "WriteHostFile",
     "IMPACT_NONE", "IMPACT_MAINTENANCE_MODE", "IMPACT_REBOOT",
 ]

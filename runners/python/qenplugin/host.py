@@ -36,3 +36,25 @@ def HostPath(logical):
     if not logical.startswith("/"):
         return logical
     return HostRoot() + logical
+
+
+def WriteHostFile(logical, text, mode=0o644):
+    """Replaces the host file at `logical` by `text` at once: written beside it
+    with exactly `mode`, then renamed over it, so a reader never sees a part.
+    Missing directories are created."""
+    path = HostPath(logical)
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    temporary = path + ".new"
+    fd = os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, mode)
+    with os.fdopen(fd, "w") as stream:
+        stream.write(text)
+    os.chmod(temporary, mode)  # open's mode went through the umask
+    os.replace(temporary, path)
+
+
+def RemoveHostFile(logical):
+    """Removes the host file at `logical`; a missing file is no error."""
+    try:
+        os.remove(HostPath(logical))
+    except FileNotFoundError:
+        pass
