@@ -3,7 +3,10 @@
 // and SIGTERM become an abort of the running operation.
 #pragma once
 
+#include <chrono>
+#include <list>
 #include <memory>
+#include <string>
 
 #include "configmanager/common.h"
 
@@ -17,6 +20,20 @@ namespace qenconfig {
 // one ends the process at once; its runner dies with it. Operations that
 // take no task handle (extraction) finish their plugin calls first.
 std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what);
+// The task handle of apply: stopped like MakeProgressTask's by SIGINT and
+// SIGTERM, and also once `timeout` has passed (zero: never). On a terminal
+// it draws a progress bar on stderr; plugin notifications are one line each
+// on stderr either way. Its child tasks share the stop and the output, so the
+// remediation's plugins stop and report like the task's own.
+std::shared_ptr<QenConfigManager::TaskHandle> MakeApplyTask(std::chrono::seconds timeout);
+// Whether an apply task's timeout stopped it.
+bool TimedOut();
+// One line for a message identifier with its arguments:
+// "corvane.qen.settings.apply.plugin.started" with [p] reads "apply plugin p
+// started"; any other shows the identifier and its arguments.
+std::string DescribeMessage(const std::string& id, const std::list<std::string>& args);
+// The same for an error, followed by its message text when it has one.
+std::string DescribeError(const QenConfigManager::ErrorInfo& error);
 // The same signal handling for a command whose operation takes no task.
 void CatchInterrupts();
 

@@ -73,7 +73,8 @@ int main(int argc, char** argv) {
       "143) when SIGINT or SIGTERM stopped a command that runs plugins: validate terminates its\n"
       "running plugin, extract, export and compliance stop once their extraction has run; no\n"
       "plugin and no plugin request or result file is left. A second signal ends qenconfig at\n"
-      "once (its plugin with it). Errors go to stderr as \"error <code>: <message>\".");
+      "once (its plugin with it). Errors go to stderr as \"error <code>: <message>\". apply has\n"
+      "codes of its own (4 to 9, see `qenconfig apply --help`).");
   std::string root;
   int verbosity = -1;
   // Applied while parsing, before any command's callback runs.
