@@ -27,21 +27,18 @@ enum ApplyExit : int {
   kBadPlan = 9,         // the plan file is unusable, or 2024
 };
 
-const char* ImpactText(int impact) {
-  static const char* const kTexts[] = {"none", "maintenance mode required", "reboot required"};
-  return impact >= 0 && impact <= 2 ? kTexts[impact] : "unknown";
+constexpr const char* kImpactTexts[] = {"none", "maintenance mode required", "reboot required"};
+constexpr const char* kImpactNames[] = {"NO_IMPACT", "MAINTENANCE_MODE_REQUIRED", "REBOOT_REQUIRED"};
+constexpr const char* kQuickBootTexts[] = {"unsupported", "supported", "supported (STM)"};
+
+template <size_t N>
+const char* Named(const char* const (&names)[N], int value) {
+  return value >= 0 && value < static_cast<int>(N) ? names[value] : "unknown";
 }
-const char* ImpactName(int impact) {
-  static const char* const kNames[] = {"NO_IMPACT", "MAINTENANCE_MODE_REQUIRED", "REBOOT_REQUIRED"};
-  return impact >= 0 && impact <= 2 ? kNames[impact] : "unknown";
-}
-const char* QuickBootText(int status) {
-  static const char* const kTexts[] = {"unsupported", "supported", "supported (STM)"};
-  return status >= 0 && status <= 2 ? kTexts[status] : "unknown";
-}
-const char* QuickBootName(int status) {
-  static const char* const kNames[] = {"QUICKBOOT_UNSUPPORTED", "QUICKBOOT_SUPPORTED", "QUICKBOOT_STM_SUPPORTED"};
-  return status >= 0 && status <= 2 ? kNames[status] : "unknown";
+
+void PrintImpact(int impact, int quickBootStatus) {
+  std::cout << "Impact: " << Named(kImpactTexts, impact) << "\nQuick boot: " << Named(kQuickBootTexts, quickBootStatus)
+            << "\n";
 }
 
 // "set network/dns/resolver" for a per-key message ([key, group,
@@ -124,8 +121,8 @@ int ImpactCommand(const std::string& file, const std::string& context, bool json
     rapidjson::Document out(rapidjson::kObjectType);
     auto& a = out.GetAllocator();
     out.AddMember("compliant", result.compliant, a);
-    out.AddMember("impact", rapidjson::StringRef(ImpactName(result.impact)), a);
-    out.AddMember("quickBootStatus", rapidjson::StringRef(QuickBootName(result.quickBootStatus)), a);
+    out.AddMember("impact", rapidjson::StringRef(Named(kImpactNames, result.impact)), a);
+    out.AddMember("quickBootStatus", rapidjson::StringRef(qenconfig::QuickBootName(result.quickBootStatus)), a);
     rapidjson::Value messages(rapidjson::kArrayType);
     for (const ImpactInfo& info : result.impactInfo) {
       rapidjson::Value message(rapidjson::kObjectType), args(rapidjson::kArrayType);
@@ -142,8 +139,7 @@ int ImpactCommand(const std::string& file, const std::string& context, bool json
     std::cout << "Compliant: applying the document changes nothing.\n";
     return qenconfig::kOk;
   }
-  std::cout << "Impact: " << ImpactText(result.impact) << "\nQuick boot: " << QuickBootText(result.quickBootStatus)
-            << "\n";
+  PrintImpact(result.impact, result.quickBootStatus);
   for (const ImpactInfo& info : result.impactInfo) std::cout << "  " << MessageText(info) << "\n";
   return qenconfig::kOk;
 }
@@ -177,8 +173,7 @@ int PlanCommand(const std::string& file, const std::string& output, const std::s
   qenconfig::ExitIfInterrupted();
   qenconfig::WriteUserFile(output, qenconfig::WritePlan(plan));
 
-  std::cout << "Impact: " << ImpactText(plan.impact) << "\nQuick boot: " << QuickBootText(plan.quickBootStatus)
-            << "\n";
+  PrintImpact(plan.impact, plan.quickBootStatus);
   for (const qenconfig::PlannedDrift& d : plan.drift)
     std::cout << "  " << d.operation << std::string(8 - d.operation.size(), ' ') << d.object << "\n";
   std::cout << "Plan written to " << output << " (" << plan.drift.size() << " drifted "
@@ -194,8 +189,8 @@ void ExplainStale(const qenconfig::Plan& plan) {
   rapidjson::Document desired;
   desired.CopyFrom(plan.desired, desired.GetAllocator());
   const ImpactResult now = Impact(desired, plan.context, TaskHandle::Dummy());
-  std::cout << "The plan is stale: planned impact: " << ImpactText(plan.impact) << "; impact now: "
-            << (now.errorInfo.IsEmpty() ? ImpactText(now.compliant ? NO_IMPACT : now.impact)
+  std::cout << "The plan is stale: planned impact: " << Named(kImpactTexts, plan.impact) << "; impact now: "
+            << (now.errorInfo.IsEmpty() ? Named(kImpactTexts, now.compliant ? NO_IMPACT : now.impact)
                                         : "unknown (" + qenconfig::DescribeError(now.errorInfo) + ")")
             << ".\n";
 
@@ -325,6 +320,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
   auto* apply = app.add_subcommand("apply", "Apply a plan written by `qenconfig plan`");
   apply->add_option("PLAN", o->file, "Plan file")->required();
   apply->add_option("--timeout", o->timeout, "Stop the apply after SECONDS, like Ctrl-C (0: no limit)")
+      ->type_name("SECONDS")
       ->check(CLI::NonNegativeNumber);
   apply->footer(
       "Exit codes: 0 applied (on the running host or in maintenance mode) or nothing left to apply;\n"
