@@ -14,14 +14,6 @@ constexpr const char* kTrailerStart = "\"checksum\": \"";
 constexpr const char* kTrailerEnd = "\"\n}\n";
 constexpr size_t kHexDigits = 64;
 
-std::string Pretty(const rapidjson::Value& value) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
-  writer.SetIndent(' ', 3);
-  value.Accept(writer);
-  return std::string(buffer.GetString(), buffer.GetSize());
-}
-
 rapidjson::Value Text(const std::string& text, rapidjson::Document::AllocatorType& a) {
   return rapidjson::Value(text.data(), static_cast<rapidjson::SizeType>(text.size()), a);
 }
@@ -92,7 +84,7 @@ std::string WritePlan(const Plan& plan) {
   doc.AddMember("desired", rapidjson::Value(plan.desired, a), a);
 
   // "{\n ... last member\n}" -> "{\n ... last member,\n   " + the checksum member.
-  std::string text = Pretty(doc);
+  std::string text = QenPlatform::PrettyJson(doc);
   text.resize(text.size() - 2);
   text += ",\n   ";
   return text + kTrailerStart + Sha256Hex(text) + kTrailerEnd;
