@@ -26,38 +26,6 @@ std::string KeySchema(const std::string& group, const std::string& key, bool sin
          "}";
 }
 
-// Applies by recording each input in the store, and logs what it was given
-// to /tmp/applied.txt. The context cues a failure of one plugin:
-// "fail:<id>", "die:<id>" (killed by a signal) or "garbage:<id>" (a broken
-// result file).
-const char* kApplyPy = R"(import os, signal
-import qenplugin
-
-def apply(call):
-    me = call.request.GetId()
-    verb, _, who = call.request.GetClusterContext().partition(":")
-    if who == me and verb == "fail":
-        raise qenplugin.PluginError("corvane.qen.settings.test.apply-failed", [me])
-    if who == me and verb == "die":
-        os.kill(os.getpid(), signal.SIGKILL)
-    if who == me and verb == "garbage":
-        with open(qenplugin.HostPath("/var/corvane/lifecycle/cm-plugin-output.json"), "w") as f:
-            f.write('{"error": ')
-        os._exit(0)
-    line = me
-    for item in call.request.GetData():
-        oid = item.object.GetConfigStoreObjectId()
-        line += " %s:%s%s" % (item.operation, oid.key, "/" + oid.instance if oid.instance else "")
-        if item.drift:
-            line += "=" + item.drift.ToString()
-        if item.operation == "DELETE":
-            call.store.DeleteObject(oid)
-        else:
-            call.store.SetObject(oid, item.object.GetValue())
-    with open(qenplugin.HostPath("/tmp/applied.txt"), "a") as f:
-        f.write(line + "\n")
-)";
-
 // Answers the impact named in /tmp/impact.txt ("0", "1", "2" or "fail") and
 // writes what it was handed (operation, cached drift) to /tmp/impact-seen.txt.
 const char* kImpactPy = R"(import qenplugin
@@ -163,9 +131,9 @@ class ApplyTest : public QenTest::CustomHostTest {
     WriteKeySchema("test", "net", "list", KeySchema("net", "list", false));
     WriteKeySchema("test", "g", "b", KeySchema("g", "b", false));
     WriteKeySchema("test", "sys", "c", KeySchema("sys", "c", true));
-    WritePythonPlugin("alpha", V3(R"("test:net:a", "test:net:list")", "network", "alpha", true), kApplyPy);
-    WritePythonPlugin("test/g/b", kBetaManifest, kApplyPy);
-    WritePythonPlugin("gamma", V3(R"("test:sys:c")", "system", "gamma", false), kApplyPy);
+    WritePythonPlugin("alpha", V3(R"("test:net:a", "test:net:list")", "network", "alpha", true), QenTest::kRecordingApplyPy);
+    WritePythonPlugin("test/g/b", kBetaManifest, QenTest::kRecordingApplyPy);
+    WritePythonPlugin("gamma", V3(R"("test:sys:c")", "system", "gamma", false), QenTest::kRecordingApplyPy);
     WritePythonPlugin("imp", R"({"version": 3, "type": "python", "accepts": ["test:g:b"],
                                  "impact": {"supports": true, "cache_drift": ["test:g:b"]}})", kImpactPy);
     LoadStore(kStore);

@@ -47,6 +47,38 @@ void CustomHostTest::EnableFeature(const std::string& name) {
   WriteFile("/etc/corvane/features.json", "{\"features\": {\"" + name + "\": true}}");
 }
 
+const char* const kRecordingApplyPy = R"(import os, signal
+import qenplugin
+
+def apply(call):
+    me = call.request.GetId()
+    cue = call.request.GetClusterContext()
+    if not cue and os.path.exists(qenplugin.HostPath("/tmp/apply-cue")):
+        with open(qenplugin.HostPath("/tmp/apply-cue")) as f:
+            cue = f.read().strip()
+    verb, _, who = cue.partition(":")
+    if who == me and verb == "fail":
+        raise qenplugin.PluginError("corvane.qen.settings.test.apply-failed", [me])
+    if who == me and verb == "die":
+        os.kill(os.getpid(), signal.SIGKILL)
+    if who == me and verb == "garbage":
+        with open(qenplugin.HostPath("/var/corvane/lifecycle/cm-plugin-output.json"), "w") as f:
+            f.write('{"error": ')
+        os._exit(0)
+    line = me
+    for item in call.request.GetData():
+        oid = item.object.GetConfigStoreObjectId()
+        line += " %s:%s%s" % (item.operation, oid.key, "/" + oid.instance if oid.instance else "")
+        if item.drift:
+            line += "=" + item.drift.ToString()
+        if item.operation == "DELETE":
+            call.store.DeleteObject(oid)
+        else:
+            call.store.SetObject(oid, item.object.GetValue())
+    with open(qenplugin.HostPath("/tmp/applied.txt"), "a") as f:
+        f.write(line + "\n")
+)";
+
 class RecordingTask::Sink : public QenConfigManager::TaskHandle::Notifications {
  public:
   explicit Sink(RecordingTask* task) : task_(task) {}

@@ -29,6 +29,13 @@ class CustomHostTest : public HostRootTest {
   void EnableFeature(const std::string& name);
 };
 
+// A Python apply plugin that records each input in the store and appends
+// what it was given to /tmp/applied.txt: "<plugin> OP:key[/instance][=drift]
+// ...". A cue fails one plugin: the context, or when that is empty the file
+// /tmp/apply-cue, says "fail:<id>", "die:<id>" (killed by a signal) or
+// "garbage:<id>" (a broken result file).
+extern const char* const kRecordingApplyPy;
+
 // A task handle that records what an operation reports and aborts on cue.
 class RecordingTask : public QenConfigManager::TaskHandle {
  public:

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <string>
 
@@ -14,6 +15,9 @@ namespace {
 
 std::atomic<int> g_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "read and written in a signal handler");
+// Steady-clock ticks of the --timeout deadline; 0: none. Read by the plugin
+// launcher's monitor thread too.
+std::atomic<std::chrono::steady_clock::rep> g_deadline{0};
 
 void OnInterrupt(int sig) {
   int none = 0;
@@ -41,7 +45,7 @@ namespace {
 
 class InterruptibleTask : public QenConfigManager::TaskHandle {
  public:
-  bool IsAborted() override { return g_signal.load() != 0; }
+  bool IsAborted() override { return g_signal.load() != 0 || TimedOut(); }
 };
 
 class TerminalNotifications : public QenConfigManager::TaskHandle::Notifications {
@@ -79,8 +83,6 @@ class TerminalTask : public InterruptibleTask {
  private:
   const char* what_;
 };
-
-std::atomic<bool> g_timedOut{false};
 
 // Standard error of an apply: notification lines, and on a terminal a
 // progress bar kept below them. Used from the caller's thread only.
@@ -126,39 +128,27 @@ class NotificationLines : public QenConfigManager::TaskHandle::Notifications {
 
 class ApplyTask : public QenConfigManager::TaskHandle {
  public:
-  using Clock = std::chrono::steady_clock;
-  ApplyTask(const char* what, std::shared_ptr<ApplyScreen> screen, bool limited, Clock::time_point deadline)
-      : what_(what), screen_(std::move(screen)), limited_(limited), deadline_(deadline) {}
+  ApplyTask(const char* what, std::shared_ptr<ApplyScreen> screen) : what_(what), screen_(std::move(screen)) {}
   // Also called from the plugin launcher's monitor thread: atomics and the
   // clock only.
-  bool IsAborted() override {
-    if (g_signal.load() != 0) return true;
-    if (limited_ && Clock::now() >= deadline_) g_timedOut.store(true);
-    return g_timedOut.load();
-  }
+  bool IsAborted() override { return g_signal.load() != 0 || TimedOut(); }
   void UpdateProgress(float percent) override { screen_->Bar(what_, percent); }
   std::shared_ptr<Notifications> AddNotification() override { return std::make_shared<NotificationLines>(screen_); }
   std::shared_ptr<TaskHandle> ChildTask(int) override {
-    return std::make_shared<ApplyTask>("applying", screen_, limited_, deadline_);
+    return std::make_shared<ApplyTask>("applying", screen_);
   }
 
  private:
   const char* what_;
   std::shared_ptr<ApplyScreen> screen_;
-  bool limited_;
-  Clock::time_point deadline_;
 };
 
 }  // namespace
 
-std::shared_ptr<QenConfigManager::TaskHandle> MakeApplyTask(std::chrono::seconds timeout) {
+std::shared_ptr<QenConfigManager::TaskHandle> MakeApplyTask() {
   CatchInterrupts();
-  return std::make_shared<ApplyTask>("checking impact", std::make_shared<ApplyScreen>(StderrIsTerminal()),
-                                     timeout.count() > 0,
-                                     ApplyTask::Clock::now() + timeout);
+  return std::make_shared<ApplyTask>("checking impact", std::make_shared<ApplyScreen>(StderrIsTerminal()));
 }
-
-bool TimedOut() { return g_timedOut.load(); }
 
 std::string DescribeMessage(const std::string& id, const std::list<std::string>& args) {
   static const std::string kPrefix = "corvane.qen.settings.";
@@ -188,6 +178,18 @@ std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what)
 }
 
 int InterruptSignal() { return g_signal.load(); }
+
+void AbortAfter(double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                            std::chrono::duration<double>(seconds));
+  g_deadline.store(deadline.time_since_epoch().count());
+}
+
+bool TimedOut() {
+  const auto deadline = g_deadline.load();
+  return deadline != 0 && std::chrono::steady_clock::now().time_since_epoch().count() >= deadline;
+}
 
 void ExitIfInterrupted() {
   if (int sig = InterruptSignal()) throw Interrupted{sig};

@@ -3,7 +3,6 @@
 // and SIGTERM become an abort of the running operation.
 #pragma once
 
-#include <chrono>
 #include <list>
 #include <memory>
 #include <string>
@@ -20,14 +19,12 @@ namespace qenconfig {
 // one ends the process at once; its runner dies with it. Operations that
 // take no task handle (extraction) finish their plugin calls first.
 std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what);
-// The task handle of apply: stopped like MakeProgressTask's by SIGINT and
-// SIGTERM, and also once `timeout` has passed (zero: never). On a terminal
-// it draws a progress bar on stderr; plugin notifications are one line each
-// on stderr either way. Its child tasks share the stop and the output, so the
-// remediation's plugins stop and report like the task's own.
-std::shared_ptr<QenConfigManager::TaskHandle> MakeApplyTask(std::chrono::seconds timeout);
-// Whether an apply task's timeout stopped it.
-bool TimedOut();
+// The task handle of apply: stopped like MakeProgressTask's (signals,
+// AbortAfter). On a terminal it draws a progress bar on stderr; plugin
+// notifications are one line each on stderr either way. Its child tasks
+// share the stop and the output, so the remediation's plugins stop and
+// report like the task's own.
+std::shared_ptr<QenConfigManager::TaskHandle> MakeApplyTask();
 // One line for a message identifier with its arguments:
 // "corvane.qen.settings.apply.plugin.started" with [p] reads "apply plugin p
 // started"; any other shows the identifier and its arguments.
@@ -39,6 +36,13 @@ void CatchInterrupts();
 
 // The signal that asked the command to stop, or 0.
 int InterruptSignal();
+
+// From `seconds` from now on (> 0), every task handle of MakeProgressTask
+// and MakeApplyTask reports an abort, as a signal would, without ending the
+// command: it then reports the aborted operation's outcome (TimedOut() tells
+// why).
+void AbortAfter(double seconds);
+bool TimedOut();
 
 // Thrown by ExitIfInterrupted, turned into the exit status by Run.
 struct Interrupted {

@@ -4,7 +4,6 @@
 // check and the apply. Apply refuses a plan that is damaged, edited or made
 // for another host before anything runs, and explains a stale one: the
 // impact then and now, and the keys whose drift moved since the plan.
-#include <chrono>
 #include <iostream>
 #include <map>
 
@@ -239,7 +238,7 @@ std::string TaskLine(const ApplyTaskOutcome& task, const std::string& notRunReas
          (task.inputs == 1 ? " input]" : " inputs]") + detail;
 }
 
-int Report(const ApplyResult& result, int timeout) {
+int Report(const ApplyResult& result, double timeout) {
   const bool stopped = qenconfig::InterruptSignal() != 0 || qenconfig::TimedOut();
   if (result.errorInfo.IsEmpty()) {
     if (result.status == APPLY_STAGED_FOR_REBOOT) {
@@ -255,8 +254,9 @@ int Report(const ApplyResult& result, int timeout) {
   } else if (result.tasks.empty()) {
     std::cout << "Not applied: the impact re-check failed: " << qenconfig::DescribeError(result.errorInfo) << "\n";
   } else if (stopped) {
-    std::cout << "Stopped" << (qenconfig::TimedOut() ? " by the timeout of " + std::to_string(timeout) + " s" : "")
-              << "; tasks that ran stay applied:\n";
+    std::cout << "Stopped";
+    if (qenconfig::TimedOut()) std::cout << " by the timeout of " << timeout << " s";
+    std::cout << "; tasks that ran stay applied:\n";
   } else {
     std::cout << "Failed; tasks that ran stay applied:\n";
   }
@@ -266,7 +266,7 @@ int Report(const ApplyResult& result, int timeout) {
   return qenconfig::TimedOut() ? kTimedOut : kApplyFailed;
 }
 
-int ApplyCommand(const std::string& file, int timeout) {
+int ApplyCommand(const std::string& file, double timeout) {
   qenconfig::Plan plan;
   try {
     qenconfig::ReadPlan(qenconfig::ReadUserFile(file), GetBIOSUUID(), plan);
@@ -279,7 +279,8 @@ int ApplyCommand(const std::string& file, int timeout) {
                                                   plan.driftCache);
   ApplyResult result;
   try {
-    result = Apply(check, qenconfig::MakeApplyTask(std::chrono::seconds(timeout)));
+    if (timeout > 0) qenconfig::AbortAfter(timeout);
+    result = Apply(check, qenconfig::MakeApplyTask());
   } catch (const InvalidImpact& e) {
     std::cerr << "error " << e.GetErrorCode() << ": " << e.what() << "\n";
     qenconfig::ExitIfInterrupted();
@@ -300,7 +301,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
   struct Options {
     std::string file, output, context;
     bool json = false;
-    int timeout = 0;
+    double timeout = 0;
   };
   auto o = std::make_shared<Options>();
 
