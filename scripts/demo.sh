@@ -3,7 +3,10 @@
 # build tree and runs the main job on it, printing what it did: the host's
 # status, its current configuration as the extract plugins read it, the
 # validation of a good and a bad desired document, and the drift between a
-# desired document and the host.
+# desired document and the host; then export and telemetry, single-key get,
+# set and delete, the impact, plan and apply of a document (and the staging
+# of one that needs a reboot), and boot-time configuration: a staged document
+# applied by a simulated reboot, and an early bootstrap in two stages.
 set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$ROOT/scripts/deps.sh"
@@ -73,6 +76,41 @@ q store stats
 echo "# delete: the resolver's configuration is removed from the host"
 q delete network dns resolver
 cat "$HOST/etc/resolv.conf"
+
+# Impact, plan and apply: the full cycle on the sample host. The document
+# changes the resolver, adds an interface and sets a time server, none of
+# which needs maintenance mode or a reboot, so apply runs the apply plugins
+# in their dependency order and they rewrite the host's files below the host
+# root. Then a document whose kernel option only takes effect through a
+# reboot: apply stores it for the next boot and runs no plugin (exit 4).
+# It runs on a sample host of its own, so that blocks before and after it
+# find the host as they expect.
+MAIN_HOST="$HOST"
+HOST="$BUILD_DIR/demo-apply-host"
+rm -rf "$HOST"
+mkdir -p "$HOST"
+cp -a "$ROOT/host/root/." "$BUILD_DIR/host-staging/." "$HOST/"
+"$QEN" --root "$HOST" store load "$DOCS/store-sample.json" >/dev/null
+PLAN="$BUILD_DIR/demo.plan"
+echo
+echo "# the host drifts from the document to apply:"
+q compliance "$DOCS/desired-apply.json"
+echo "# what applying it would cost the host:"
+q impact "$DOCS/desired-apply.json"
+echo "# the check-apply result kept in an owner-only plan file:"
+q plan "$DOCS/desired-apply.json" -o "$PLAN"
+echo "# $HOST/etc/resolv.conf before the apply:"
+cat "$HOST/etc/resolv.conf"
+echo "# applying the plan (one line per plugin notification, then the report):"
+q apply "$PLAN"
+echo "# $HOST/etc/resolv.conf after the apply:"
+cat "$HOST/etc/resolv.conf"
+echo "# the host now complies (exit 0):"
+q compliance "$DOCS/desired-apply.json"
+echo "# a kernel option that needs a reboot: planned, then staged by apply:"
+q plan "$DOCS/desired-reboot.json" -o "$PLAN"
+q apply "$PLAN"
+HOST="$MAIN_HOST"
 
 # Boot-time configuration: a document that needs a reboot is staged, a
 # simulated reboot applies it, and an early bootstrap document brings up

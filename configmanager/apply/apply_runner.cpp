@@ -84,7 +84,10 @@ ErrorInfo ExecuteApplyTasks(const DesiredConfigInputList& inputs, const std::str
     report.push_back({key, entry.plugin->GetId(), entry.inputs.size(), APPLY_TASK_NOT_RUN, ErrorInfo()});
   };
   for (const Step& planned : order) describe(planned.key);
-  for (const std::string& key : unmatched) describe(key);
+  for (const std::string& key : unmatched) {
+    describe(key);
+    report.back().state = APPLY_TASK_NO_OPERATION;
+  }
   auto finish = [&](ErrorInfo error) {
     if (outcomes) *outcomes = std::move(report);
     return error;

@@ -135,10 +135,4 @@ bool fileExists(const std::string& path) {
 
 }  // namespace QenConfigManager
 
-std::string JsonToString(const rapidjson::Value& value) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
-  writer.SetIndent(' ', 3);
-  value.Accept(writer);
-  return std::string(buffer.GetString(), buffer.GetSize());
-}
+std::string JsonToString(const rapidjson::Value& value) { return QenPlatform::PrettyJson(value); }

@@ -91,7 +91,10 @@ std::vector<std::string> Outcomes(const std::vector<ApplyTaskOutcome>& tasks) {
   std::vector<std::string> out;
   for (const auto& t : tasks)
     out.push_back(t.key + " " + std::to_string(t.inputs) + " " +
-                  (t.state == APPLY_TASK_DONE ? "done" : t.state == APPLY_TASK_FAILED ? "failed " + t.error.msgId : "not run"));
+                  (t.state == APPLY_TASK_DONE     ? "done"
+                   : t.state == APPLY_TASK_FAILED ? "failed " + t.error.msgId
+                   : t.state == APPLY_TASK_NOT_RUN ? "not run"
+                                                   : "no operation"));
   return out;
 }
 
@@ -214,6 +217,20 @@ TEST_F(ApplyTest, TaskKeysByManifestVersion) {
                                                               "ADD:test:g:b 1 done", "SET:test:g:b 1 done"}));
   EXPECT_EQ(Applied(), (std::vector<std::string>{"alpha SET:a={\"v\":\"SET\"} ADD:list/l1", "test:g:b DELETE:b/b0",
                                                  "test:g:b ADD:b/b2", "test:g:b SET:b/b1={\"v\":\"SET\"}"}));
+}
+
+TEST_F(ApplyTest, ATaskNoOperationMatchesNeverRunsAndIsToldApart) {
+  WritePythonPlugin("test/g/b", R"({"version": 2, "type": "python", "apply": {"apply_group": "storage",
+      "boot": true, "operations": {"SET": {"provides": "beta", "depends": []}}}})", "");
+  const std::string doc = Doc(R"({"v": 1})", R"([{"name": "b0", "v": 1}, {"name": "b1", "v": 2}, {"name": "b2", "v": 1}])");
+  auto task = std::make_shared<ParentTask>();
+  ApplyResult result = Apply(Check(doc), task);
+  EXPECT_TRUE(result.errorInfo.msgId.empty()) << result.errorInfo.msgId;
+  EXPECT_EQ(Outcomes(result.tasks), (std::vector<std::string>{"SET:test:g:b 1 done", "ADD:test:g:b 1 no operation"}));
+  EXPECT_EQ(Applied(), std::vector<std::string>{"test:g:b SET:b/b1={\"v\":\"SET\"}"});
+  // Counted in the step all the same.
+  EXPECT_EQ(task->child->Progress(), (std::vector<float>{20.0f, 60.0f}));
+  EXPECT_TRUE(log_.Contains(1, "No apply operation of plugin=test:g:b matches key=ADD:test:g:b"));
 }
 
 TEST_F(ApplyTest, AbortBetweenTasksLeavesTheRestUnrun) {
