@@ -3,7 +3,7 @@
 A plugin is the module ``plugin.py`` beside its manifest. The runner imports it
 and calls ``apply(call)``, ``impact(call)``, ``extract(call)`` or
 ``validate(call)`` with a :class:`Call` that carries the request (getters),
-the result to fill and access to the host. See runners/README.md.
+the result to fill and access to the host. See docs/plugins.md.
 
 Only standard-library modules that the runner loads anyway are imported here;
 the store module (sqlite3) is imported on first use.
