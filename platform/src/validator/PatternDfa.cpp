@@ -360,7 +360,6 @@ std::unique_ptr<PatternDfa> PatternDfa::Build(std::string_view pattern) {
   if (!nfa.Build(ast, nfaStart, nfaAccept)) return nullptr;
 
   std::unique_ptr<PatternDfa> dfa(new PatternDfa());
-  dfa->anchoredEnd_ = anchoredEnd;
 
   // Bytes that every set treats alike share a class. Repetitions copy their
   // sets, so only distinct ones are compared.
@@ -412,10 +411,18 @@ std::unique_ptr<PatternDfa> PatternDfa::Build(std::string_view pattern) {
   };
   intern({});
   normalise(first);
-  dfa->start_ = static_cast<unsigned>(intern(first));
+  dfa->start_ = static_cast<uint32_t>(intern(first)) * dfa->classes_;
 
   for (size_t id = 0; id < sets.size(); ++id) {
-    dfa->accepting_.push_back(std::binary_search(sets[id].begin(), sets[id].end(), nfaAccept));
+    const bool accepting = std::binary_search(sets[id].begin(), sets[id].end(), nfaAccept);
+    dfa->accepting_.push_back(accepting);
+    // Unanchored at the end, a match found is kept to the end.
+    if (accepting && !anchoredEnd) {
+      for (unsigned cls = 0; cls < dfa->classes_; ++cls) {
+        dfa->next_.push_back(static_cast<uint32_t>(id) * dfa->classes_);
+      }
+      continue;
+    }
     for (unsigned cls = 0; cls < dfa->classes_; ++cls) {
       std::vector<int> target;
       for (int s : sets[id]) {
@@ -427,7 +434,7 @@ std::unique_ptr<PatternDfa> PatternDfa::Build(std::string_view pattern) {
       normalise(target);
       const long next = intern(std::move(target));
       if (next < 0) return nullptr;
-      dfa->next_.push_back(static_cast<uint16_t>(next));
+      dfa->next_.push_back(static_cast<uint32_t>(next) * dfa->classes_);
     }
   }
   return dfa;

@@ -29,13 +29,13 @@ class PatternDfa {
   static std::unique_ptr<PatternDfa> Build(std::string_view pattern);
 
   bool Matches(std::string_view subject) const {
-    unsigned state = start_;
+    const uint32_t* next = next_.data();
+    uint32_t row = start_;
     for (unsigned char byte : subject) {
-      if (accepting_[state] && !anchoredEnd_) return true;
-      state = next_[state * classes_ + classOf_[byte]];
-      if (state == kDead) return false;
+      row = next[row + classOf_[byte]];
+      if (row == kDead) return false;
     }
-    return accepting_[state] != 0;
+    return accepting_[row / classes_] != 0;
   }
 
   static constexpr unsigned kMaxStates = 1024;
@@ -43,13 +43,14 @@ class PatternDfa {
  private:
   PatternDfa() = default;
 
-  static constexpr unsigned kDead = 0;  // no match can continue
+  static constexpr uint32_t kDead = 0;  // the row of the state no match continues from
 
   uint8_t classOf_[256] = {};  // byte -> equivalence class
-  unsigned classes_ = 0;
-  unsigned start_ = 0;
-  bool anchoredEnd_ = false;  // accept only at the subject's end
-  std::vector<uint16_t> next_;      // state * classes_ + class -> state
+  uint32_t classes_ = 0;
+  uint32_t start_ = 0;  // a row: state * classes_
+  // Row of a state + class of a byte -> row of the next state. Without a
+  // final "$" an accepting state keeps accepting whatever follows.
+  std::vector<uint32_t> next_;
   std::vector<uint8_t> accepting_;  // per state
 };
 

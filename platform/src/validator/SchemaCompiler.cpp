@@ -52,8 +52,7 @@ bool IsAnnotation(std::string_view k) {
 
 }  // namespace
 
-bool Pattern::Matches(std::string_view subject) const {
-  if (dfa) return dfa->Matches(subject);
+bool Pattern::MatchesRegex(std::string_view subject) const {
   try {
     if (subject.size() <= kShortSubject) return std::regex_search(subject.begin(), subject.end(), fast);
     // Without a flat matcher a long subject fails closed: it is not shown to match.
@@ -339,7 +338,13 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
       if (schemaMap(v, where, "properties")) {
         node.hasObjectChecks = true;
         for (auto& m : v.GetObject()) {
-          node.properties[View(m.name)] = sub(m.value, AppendPointer(where, View(m.name)));
+          const Node* target = sub(m.value, AppendPointer(where, View(m.name)));
+          auto [at, added] = node.propertyIndex.emplace(View(m.name), node.properties.size());
+          if (added) {
+            node.properties.push_back({View(m.name), target});
+          } else {
+            node.properties[at->second].node = target;
+          }
         }
       }
     } else if (k == "patternProperties") {
@@ -428,6 +433,15 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
       node.unknownKeywords.push_back(k);
     }
   }
+
+  for (std::string_view name : node.required) {
+    auto it = node.propertyIndex.find(name);
+    node.requiredProperty.push_back(it == node.propertyIndex.end() ? kNoProperty : it->second);
+  }
+  node.hasAdvisories = !node.unknownKeywords.empty() || !node.format.empty() || node.readOnly ||
+                       node.deprecated;
+  node.hasCombinations = !node.allOf.empty() || !node.anyOf.empty() || !node.oneOf.empty() ||
+                         node.notNode != nullptr;
 
   if (!node.discriminator.empty()) {
     std::string where = AppendPointer(location, "discriminator");

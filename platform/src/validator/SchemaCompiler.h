@@ -44,13 +44,23 @@ struct Pattern {
   std::regex fast;                   // unused with an automaton
   std::unique_ptr<std::regex> flat;  // null with an automaton or back-references
 
-  bool Matches(std::string_view subject) const;
+  bool Matches(std::string_view subject) const {
+    return dfa ? dfa->Matches(subject) : MatchesRegex(subject);
+  }
+  bool MatchesRegex(std::string_view subject) const;
 };
 
 struct Dependency {
   std::string_view name;
   std::vector<std::string_view> required;  // property dependency
   const Node* schema = nullptr;            // schema dependency
+};
+
+constexpr size_t kNoProperty = static_cast<size_t>(-1);
+
+struct Property {
+  std::string_view name;
+  const Node* node;
 };
 
 struct Variant {
@@ -88,12 +98,15 @@ struct Node {
   bool uniqueItems = false;
   std::string_view instanceId;  // empty, or a member that identifies items
 
-  // objects
-  std::unordered_map<std::string_view, const Node*> properties;
+  // objects: "properties" in schema order (a repeated name keeps its first
+  // place and its last schema) and by name
+  std::vector<Property> properties;
+  std::unordered_map<std::string_view, size_t> propertyIndex;
   std::vector<std::pair<const Pattern*, const Node*>> patternProperties;
   bool additionalPropertiesAllowed = true;
   const Node* additionalProperties = nullptr;
   std::vector<std::string_view> required;
+  std::vector<size_t> requiredProperty;  // parallel: index in properties, or kNoProperty
   int64_t minProperties = -1;
   int64_t maxProperties = -1;
   std::vector<Dependency> dependencies;
@@ -113,6 +126,9 @@ struct Node {
   std::string_view format;
   std::vector<std::string_view> unknownKeywords;
 
+  // Whether any annotation above or any combination applies at all.
+  bool hasAdvisories = false;
+  bool hasCombinations = false;
   // Whether any keyword beyond the type test needs the value's content.
   bool hasNumberChecks = false;
   bool hasStringChecks = false;
