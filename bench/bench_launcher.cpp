@@ -66,8 +66,9 @@ std::shared_ptr<Plugin> Install(const std::string& dir, const std::string& type)
 }
 
 void SetUpHost() {
-  char tmpl[] = "/tmp/qen-bench-launcher-XXXXXX";
-  g_root = mkdtemp(tmpl);
+  const char* tmp = std::getenv("TMPDIR");
+  std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/qen-bench-launcher-XXXXXX";
+  g_root = mkdtemp(&tmpl[0]);
   QenTest::InstallSampleHostInto(g_root);
   QenPlatform::SetHostRoot(g_root);
   Put("/usr/lib/corvane/configmanager/apply_modules/fault/plugin.py",
