@@ -1,0 +1,192 @@
+// The second half's entry points on the drift benchmark's documents at 1k and
+// 10k keys, each paired with ComputeDrift (compliance handler, host document
+// supplied) on the same documents (support/paired.h), printed after the table
+// as entry point / ComputeDrift (reported; no goal):
+//   impact        Impact of the desired document with 1% drift: extracts the
+//                 host's configuration from the store, walks, no impact plugin
+//   apply         CheckApply then Apply of that document: two extractions and
+//                 walks (check and re-check), task generation and one C++
+//                 apply plugin given the drifted keys
+//   export        ExportDocumentTelemetry of the host's configuration (store,
+//                 an allowlist naming every key), against ComputeDrift of that
+//                 configuration against itself
+// The store holds the host document (0% drift) as current values; the host
+// root has the sample host's runners and manifest schemas, the drift
+// benchmark's key schemas and the benchmark's own apply plugin
+// (plugins/benchlines.cpp) serving the drifted keys.
+#include <benchmark/benchmark.h>
+
+#include <boost/filesystem.hpp>
+
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "HostRoot.h"
+#include "HostRootTest.h"
+#include "QenConfigStore.h"
+#include "configmanager/apply.h"
+#include "configmanager/extract.h"
+#include "configmanager/impact.h"
+#include "drift_documents.h"
+#include "paired.h"
+
+using namespace QenConfigManager;
+
+namespace {
+
+std::string g_root;
+
+struct Case {
+  std::string hostText;
+  rapidjson::Document desired;  // 1% drift
+  rapidjson::Document same;     // the host document itself
+  std::shared_ptr<QenConfigStore::JsonDoc> host;
+};
+std::map<int, Case> g_cases;  // by key count
+int g_loaded = 0;             // the key count the store and host root hold
+
+void Parse(const std::string& text, rapidjson::Document& doc) {
+  doc.Parse(text.c_str(), text.size());
+  if (doc.HasParseError()) std::abort();
+}
+
+void Put(const std::string& logical, const std::string& text) {
+  boost::filesystem::path p(g_root + logical);
+  boost::filesystem::create_directories(p.parent_path());
+  std::ofstream(p.string(), std::ios::binary | std::ios::trunc) << text;
+}
+
+std::string KeyName(int i, char separator) {
+  return "comp" + std::to_string(i % 10) + separator + "grp" + std::to_string(i / 100) + separator + "key" +
+         std::to_string((i / 10) % 10);
+}
+
+// The store's current values, the telemetry allowlist and the apply
+// plugin's manifest for `keys` keys (outside the timed part).
+void UseKeys(int keys) {
+  if (g_loaded == keys) return;
+  Case& c = g_cases.at(keys);
+  rapidjson::Document description(rapidjson::kObjectType);
+  auto& a = description.GetAllocator();
+  rapidjson::Value current;
+  current.CopyFrom(c.host->GetDocument(), a);
+  rapidjson::Value host(rapidjson::kObjectType);
+  host.AddMember("current", current, a);
+  description.AddMember("host", host, a);
+  QenConfigStore::LoadStoreDescription(description);
+
+  std::string allow, accepts;
+  for (int i = 0; i < keys; ++i) {
+    allow += (i ? ", \"" : "\"") + KeyName(i, '.') + "\"";
+    // The drift benchmark changes key i when i % 100 == 50.
+    if (i % 100 == 50) accepts += std::string(accepts.empty() ? "\"" : ", \"") + KeyName(i, ':') + "\"";
+  }
+  Put("/usr/lib/corvane/configmanager/telemetry/bench.json", "[" + allow + "]");
+  Put("/usr/lib/corvane/configmanager/apply_modules/benchlines/manifest.json",
+      R"({"version": 3, "type": "c++", "accepts": [)" + accepts + R"(],
+          "apply": {"apply_group": "system", "boot": false, "REMEDIATE": {"provides": "lines", "depends": []}}})");
+  g_loaded = keys;
+}
+
+void Compliance(rapidjson::Document& desired, const std::shared_ptr<QenConfigStore::JsonDoc>& host) {
+  ComplianceResult result;
+  CheckComplianceHandler handler(&result);
+  handler.checkDefaultUserConfig = false;
+  handler.currentDocument = host;
+  ComputeDrift(desired, desired.GetAllocator(), handler);
+}
+
+void BM_Impact(benchmark::State& state) {
+  const int keys = static_cast<int>(state.range(0));
+  UseKeys(keys);
+  Case& c = g_cases.at(keys);
+  QenBench::Paired(
+      state,
+      [&] {
+        ImpactResult result = Impact(c.desired, "", TaskHandle::Dummy());
+        return result.errorInfo.msgId.empty() && !result.compliant;
+      },
+      [&] { Compliance(c.desired, c.host); });
+}
+
+void BM_CheckApplyApply(benchmark::State& state) {
+  const int keys = static_cast<int>(state.range(0));
+  UseKeys(keys);
+  Case& c = g_cases.at(keys);
+  QenBench::Paired(
+      state,
+      [&] {
+        std::shared_ptr<CheckApplyResult> check = CheckApply(c.desired, "", TaskHandle::Dummy());
+        if (!check) return false;
+        ApplyResult result = Apply(check, TaskHandle::Dummy());
+        return result.errorInfo.msgId.empty() && result.tasks.size() == 1 &&
+               result.tasks[0].state == APPLY_TASK_DONE && result.tasks[0].inputs == static_cast<size_t>(keys / 100);
+      },
+      [&] { Compliance(c.desired, c.host); });
+}
+
+void BM_TelemetryExport(benchmark::State& state) {
+  const int keys = static_cast<int>(state.range(0));
+  UseKeys(keys);
+  Case& c = g_cases.at(keys);
+  QenBench::Paired(
+      state, [&] { return ExportDocumentTelemetry().size() > c.hostText.size() / 2; },
+      [&] { Compliance(c.same, c.host); });
+}
+
+BENCHMARK(BM_Impact)->Arg(1000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(200);
+BENCHMARK(BM_Impact)->Arg(10000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(40);
+BENCHMARK(BM_CheckApplyApply)->Arg(1000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(100);
+BENCHMARK(BM_CheckApplyApply)->Arg(10000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(20);
+BENCHMARK(BM_TelemetryExport)->Arg(1000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(200);
+BENCHMARK(BM_TelemetryExport)->Arg(10000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(40);
+
+const std::vector<QenBench::Goal> kGoals = {{"BM_Impact", "impact/drift", 0},
+                                            {"BM_CheckApplyApply", "apply/drift", 0},
+                                            {"BM_TelemetryExport", "export/drift", 0}};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  const char* tmp = std::getenv("TMPDIR");
+  std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/qen-bench-entry-XXXXXX";
+  if (!mkdtemp(&tmpl[0])) return 1;
+  g_root = tmpl;
+  // The runners, manifest schemas and store of the sample host; the
+  // benchmark's own keys, plugin and allowlist.
+  QenTest::InstallSampleHostInto(g_root);
+  for (const char* dir : {"/usr/lib/corvane/configmanager/apply_modules", "/usr/lib/corvane/configmanager/telemetry",
+                          "/usr/lib/corvane/configstore/schemas"}) {
+    boost::filesystem::remove_all(g_root + dir);
+  }
+  boost::filesystem::create_directories(g_root + "/usr/lib/corvane/configmanager/apply_modules");
+  QenBench::LinkSchemas(g_root);
+  QenPlatform::SetHostRoot(g_root);
+  if (!QenSchemaStore::SchemaStore::GetStore()) return 1;
+  Put("/var/corvane/lifecycle/.keep", "");
+  {
+    std::ifstream in(QEN_BINARY_DIR "/bench-plugins/libbenchlines.so", std::ios::binary);
+    std::ostringstream so;
+    so << in.rdbuf();
+    Put("/usr/lib/corvane/configmanager/plugins/libbenchlines.so", so.str());
+  }
+  for (int keys : {1000, 10000}) {
+    Case& c = g_cases[keys];
+    c.hostText = QenBench::KeysDocument(keys, false);
+    Parse(QenBench::KeysDocument(keys, true), c.desired);
+    Parse(c.hostText, c.same);
+    c.host = std::make_shared<QenConfigStore::JsonDoc>();
+    Parse(c.hostText, c.host->GetDocument());
+  }
+
+  QenBench::PairedReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  QenBench::PrintRatios(reporter, kGoals);
+  g_cases.clear();
+  boost::system::error_code ec;
+  boost::filesystem::remove_all(g_root, ec);
+  return 0;
+}
