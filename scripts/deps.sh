@@ -6,7 +6,7 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake pkg-config python3
   rapidjson-dev libboost-graph-dev libboost-filesystem-dev libboost-system-dev
-  libsqlite3-dev sqlite3 googletest libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+  libsqlite3-dev sqlite3 googletest libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libssl-dev
 )
 
 # Only the peer validator comparison (bench/bench_peer_validator.cpp) uses

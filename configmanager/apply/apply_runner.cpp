@@ -49,7 +49,7 @@ std::string ApplyTaskKey(const Plugin& plugin, const std::string& operation) {
 
 ErrorInfo ExecuteApplyTasks(const DesiredConfigInputList& inputs, const std::string& context,
                             const std::shared_ptr<TaskHandle>& task, bool boot,
-                            std::vector<ApplyTaskOutcome>* outcomes) {
+                            std::vector<ApplyTaskOutcome>* outcomes, MissingApplyPlugin missing) {
   PluginManager manager(PLUGIN_APPLY);
   PluginTaskMap tasks;
   for (const DesiredConfigInput& input : inputs) {
@@ -58,6 +58,7 @@ ErrorInfo ExecuteApplyTasks(const DesiredConfigInputList& inputs, const std::str
     const std::vector<std::shared_ptr<Plugin>> found = manager.Find(id);
     if (found.empty()) {
       CSLogger::Log(1, "Plugin not present for %s", text.c_str());
+      if (missing == REFUSE_RUN) ThrowException<ConfigManagerException>(APPLY_PLUGIN_ABSENT, text);
       continue;
     }
     for (const auto& plugin : found) {
@@ -83,7 +84,10 @@ ErrorInfo ExecuteApplyTasks(const DesiredConfigInputList& inputs, const std::str
     report.push_back({key, entry.plugin->GetId(), entry.inputs.size(), APPLY_TASK_NOT_RUN, ErrorInfo()});
   };
   for (const Step& planned : order) describe(planned.key);
-  for (const std::string& key : unmatched) describe(key);
+  for (const std::string& key : unmatched) {
+    describe(key);
+    report.back().state = APPLY_TASK_NO_OPERATION;
+  }
   auto finish = [&](ErrorInfo error) {
     if (outcomes) *outcomes = std::move(report);
     return error;

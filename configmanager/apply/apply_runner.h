@@ -24,15 +24,27 @@ ErrorInfo RemediateHost(rapidjson::Document& desired, const std::string& context
                         const std::shared_ptr<TaskHandle>& task, bool boot,
                         std::vector<ApplyTaskOutcome>* outcomes = nullptr);
 
+// What the runner does with an input whose object no apply plugin serves.
+enum MissingApplyPlugin {
+  // Drop the input (logged): a whole document may hold keys nothing applies.
+  DROP_INPUT,
+  // Refuse the run before any plugin runs: ConfigManagerException 2085 with
+  // the object's text. A single-key change that no plugin can apply must not
+  // be reported as done.
+  REFUSE_RUN,
+};
+
 // Groups `inputs` into tasks per apply plugin and operation, and runs them in
 // dependency order: progress 20, then 80 / tasks after each task; started /
 // finished notifications with the plugin identifier; the first failure (with
 // a PluginError notification) or an abort before a task ends the run with its
-// ErrorInfo. Inputs of objects without an apply plugin are dropped (logged).
-// Throws the plugin manager's failures (3000, 2083, a bad manifest).
+// ErrorInfo. Inputs of objects without an apply plugin are handled as
+// `missing` says. Throws the plugin manager's failures (3000, 2083, a bad
+// manifest).
 ErrorInfo ExecuteApplyTasks(const DesiredConfigInputList& inputs, const std::string& context,
                             const std::shared_ptr<TaskHandle>& task, bool boot,
-                            std::vector<ApplyTaskOutcome>* outcomes = nullptr);
+                            std::vector<ApplyTaskOutcome>* outcomes = nullptr,
+                            MissingApplyPlugin missing = DROP_INPUT);
 
 // The apply inputs of `desired` against a given current document instead of
 // the extracted one (`current` is taken).

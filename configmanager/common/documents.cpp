@@ -1,8 +1,5 @@
 // Configuration document functions: parsing, writing, comparing, building
 // documents from store map lists.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <unordered_set>
 
@@ -11,6 +8,7 @@
 #include "CSLogger.h"
 #include "HostFiles.h"
 #include "HostRoot.h"
+#include "common/document_files.h"
 #include "configmanager/common.h"
 
 namespace QenConfigManager {
@@ -43,14 +41,13 @@ void CreateDocumentFromFile(const char* path, rapidjson::Document& doc) {
   if (!QenPlatform::ParseJson(text, doc)) ThrowException<ConfigManagerException>(PARSE_ERROR, logical);
 }
 
+bool WriteDocumentFile(const std::string& path, const rapidjson::Value& doc) {
+  // Documents carry configuration values: the file is for the owner only.
+  return QenPlatform::ReplaceFile(QenPlatform::HostPath(path), QenPlatform::CompactJson(doc), 0600);
+}
+
 void CreateFileFromDocument(const char* path, const rapidjson::Document& doc) {
-  if (!path) return;
-  const std::string text = QenPlatform::CompactJson(doc);
-  // Documents carry configuration values: new files are for the owner only.
-  int fd = open(QenPlatform::HostPath(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return;
-  QenPlatform::WriteAll(fd, text.data(), text.size());
-  close(fd);
+  if (path) WriteDocumentFile(path, doc);
 }
 
 void SerializeValue(const rapidjson::Value& value, std::string& out) { out = QenPlatform::CompactJson(value); }
@@ -138,10 +135,4 @@ bool fileExists(const std::string& path) {
 
 }  // namespace QenConfigManager
 
-std::string JsonToString(const rapidjson::Value& value) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
-  writer.SetIndent(' ', 3);
-  value.Accept(writer);
-  return std::string(buffer.GetString(), buffer.GetSize());
-}
+std::string JsonToString(const rapidjson::Value& value) { return QenPlatform::PrettyJson(value); }

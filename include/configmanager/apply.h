@@ -105,8 +105,9 @@ enum APPLY_STATUS : int32_t {
 enum APPLY_TASK_STATE : int32_t {
   APPLY_TASK_DONE = 0,
   APPLY_TASK_FAILED = 1,   // its plugin failed; `error` says how
-  APPLY_TASK_NOT_RUN = 2,  // an earlier task failed, the apply was aborted, or no
-                           // apply operation of its plugin matches its key
+  APPLY_TASK_NOT_RUN = 2,  // an earlier task failed or the apply was aborted
+  APPLY_TASK_NO_OPERATION = 3,  // no apply operation of its plugin matches its key:
+                                // it never runs
 };
 
 // One apply task: the inputs of one plugin for one apply operation.

@@ -42,4 +42,13 @@ bool ReplaceFile(const std::string& path, const std::string& text, int mode);
 // false (errno set) when the descriptor takes no more.
 bool WriteAll(int fd, const char* data, size_t size);
 
+// Removes the file at physical path `path`. 0 when it is gone, else the
+// error number (ENOENT when there was none).
+int RemoveFile(const std::string& path);
+
+// Test hook: makes the Nth RemoveFile from now on (process-wide, 1-based)
+// fail with EBUSY and leave the file; 0 switches it off. A root process has
+// no other way to see a removal fail.
+void FailNthRemove(int n);
+
 }  // namespace QenPlatform

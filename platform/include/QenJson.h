@@ -76,6 +76,15 @@ inline std::string CompactJson(const rapidjson::Value& value) {
   return std::string(buffer.GetString(), buffer.GetSize());
 }
 
+// The value as pretty JSON text: three-space indent, the documents' form.
+inline std::string PrettyJson(const rapidjson::Value& value) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+  writer.SetIndent(' ', 3);
+  value.Accept(writer);
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
 // Equality of two scalars (null, booleans, numbers, strings) by the same rule.
 inline bool JsonScalarsEqual(const rapidjson::Value& a, const rapidjson::Value& b) {
   if (a.GetType() != b.GetType()) return false;

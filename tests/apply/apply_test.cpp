@@ -18,46 +18,6 @@ using QenTest::RecordingTask;
 
 namespace {
 
-std::string KeySchema(const std::string& group, const std::string& key, bool singleton) {
-  const std::string item = R"({"type": "object", "properties": {"name": {"type": "string"}, "v": {"type": "integer"}}})";
-  return R"({"component": "test", "group": ")" + group + R"(", "key": ")" + key + R"(", "userConfig": "u", )" +
-         (singleton ? R"("singleton": true, "schema": )" + item
-                    : R"("singleton": false, "instanceId": "name", "schema": {"type": "array", "items": )" + item + "}") +
-         "}";
-}
-
-// Applies by recording each input in the store, and logs what it was given
-// to /tmp/applied.txt. The context cues a failure of one plugin:
-// "fail:<id>", "die:<id>" (killed by a signal) or "garbage:<id>" (a broken
-// result file).
-const char* kApplyPy = R"(import os, signal
-import qenplugin
-
-def apply(call):
-    me = call.request.GetId()
-    verb, _, who = call.request.GetClusterContext().partition(":")
-    if who == me and verb == "fail":
-        raise qenplugin.PluginError("corvane.qen.settings.test.apply-failed", [me])
-    if who == me and verb == "die":
-        os.kill(os.getpid(), signal.SIGKILL)
-    if who == me and verb == "garbage":
-        with open(qenplugin.HostPath("/var/corvane/lifecycle/cm-plugin-output.json"), "w") as f:
-            f.write('{"error": ')
-        os._exit(0)
-    line = me
-    for item in call.request.GetData():
-        oid = item.object.GetConfigStoreObjectId()
-        line += " %s:%s%s" % (item.operation, oid.key, "/" + oid.instance if oid.instance else "")
-        if item.drift:
-            line += "=" + item.drift.ToString()
-        if item.operation == "DELETE":
-            call.store.DeleteObject(oid)
-        else:
-            call.store.SetObject(oid, item.object.GetValue())
-    with open(qenplugin.HostPath("/tmp/applied.txt"), "a") as f:
-        f.write(line + "\n")
-)";
-
 // Answers the impact named in /tmp/impact.txt ("0", "1", "2" or "fail") and
 // writes what it was handed (operation, cached drift) to /tmp/impact-seen.txt.
 const char* kImpactPy = R"(import qenplugin
@@ -80,12 +40,6 @@ def impact(call):
     with open(qenplugin.HostPath("/tmp/impact-seen.txt"), "w") as f:
         f.write("\n".join(seen))
 )";
-
-std::string V3(const std::string& accepts, const std::string& group, const std::string& provides, bool boot) {
-  return R"({"version": 3, "type": "python", "accepts": [)" + accepts + R"(], "apply": {"apply_group": ")" + group +
-         R"(", "boot": )" + (boot ? "true" : "false") + R"(, "REMEDIATE": {"provides": ")" + provides +
-         R"(", "depends": []}}})";
-}
 
 const char* kBetaManifest = R"({"version": 2, "type": "python", "apply": {"apply_group": "storage", "boot": true,
   "operations": {"DELETE": {"provides": "beta", "depends": ["alpha"]}, "ADD": {"provides": "beta", "depends": ["alpha"]},
@@ -137,7 +91,10 @@ std::vector<std::string> Outcomes(const std::vector<ApplyTaskOutcome>& tasks) {
   std::vector<std::string> out;
   for (const auto& t : tasks)
     out.push_back(t.key + " " + std::to_string(t.inputs) + " " +
-                  (t.state == APPLY_TASK_DONE ? "done" : t.state == APPLY_TASK_FAILED ? "failed " + t.error.msgId : "not run"));
+                  (t.state == APPLY_TASK_DONE     ? "done"
+                   : t.state == APPLY_TASK_FAILED ? "failed " + t.error.msgId
+                   : t.state == APPLY_TASK_NOT_RUN ? "not run"
+                                                   : "no operation"));
   return out;
 }
 
@@ -156,13 +113,15 @@ class ApplyTest : public QenTest::CustomHostTest {
  protected:
   void SetUp() override {
     CustomHostTest::SetUp();
-    WriteKeySchema("test", "net", "a", KeySchema("net", "a", true));
-    WriteKeySchema("test", "net", "list", KeySchema("net", "list", false));
-    WriteKeySchema("test", "g", "b", KeySchema("g", "b", false));
-    WriteKeySchema("test", "sys", "c", KeySchema("sys", "c", true));
-    WritePythonPlugin("alpha", V3(R"("test:net:a", "test:net:list")", "network", "alpha", true), kApplyPy);
-    WritePythonPlugin("test/g/b", kBetaManifest, kApplyPy);
-    WritePythonPlugin("gamma", V3(R"("test:sys:c")", "system", "gamma", false), kApplyPy);
+    WriteKeySchema("test", "net", "a", QenTest::TestKeySchema("net", "a", true));
+    WriteKeySchema("test", "net", "list", QenTest::TestKeySchema("net", "list", false));
+    WriteKeySchema("test", "g", "b", QenTest::TestKeySchema("g", "b", false));
+    WriteKeySchema("test", "sys", "c", QenTest::TestKeySchema("sys", "c", true));
+    WritePythonPlugin("alpha", QenTest::V3ApplyManifest(R"("test:net:a", "test:net:list")", "network", "alpha", true),
+                      QenTest::kRecordingApplyPy);
+    WritePythonPlugin("test/g/b", kBetaManifest, QenTest::kRecordingApplyPy);
+    WritePythonPlugin("gamma", QenTest::V3ApplyManifest(R"("test:sys:c")", "system", "gamma", false),
+                      QenTest::kRecordingApplyPy);
     WritePythonPlugin("imp", R"({"version": 3, "type": "python", "accepts": ["test:g:b"],
                                  "impact": {"supports": true, "cache_drift": ["test:g:b"]}})", kImpactPy);
     LoadStore(kStore);
@@ -258,6 +217,20 @@ TEST_F(ApplyTest, TaskKeysByManifestVersion) {
                                                               "ADD:test:g:b 1 done", "SET:test:g:b 1 done"}));
   EXPECT_EQ(Applied(), (std::vector<std::string>{"alpha SET:a={\"v\":\"SET\"} ADD:list/l1", "test:g:b DELETE:b/b0",
                                                  "test:g:b ADD:b/b2", "test:g:b SET:b/b1={\"v\":\"SET\"}"}));
+}
+
+TEST_F(ApplyTest, ATaskNoOperationMatchesNeverRunsAndIsToldApart) {
+  WritePythonPlugin("test/g/b", R"({"version": 2, "type": "python", "apply": {"apply_group": "storage",
+      "boot": true, "operations": {"SET": {"provides": "beta", "depends": []}}}})", "");
+  const std::string doc = Doc(R"({"v": 1})", R"([{"name": "b0", "v": 1}, {"name": "b1", "v": 2}, {"name": "b2", "v": 1}])");
+  auto task = std::make_shared<ParentTask>();
+  ApplyResult result = Apply(Check(doc), task);
+  EXPECT_TRUE(result.errorInfo.msgId.empty()) << result.errorInfo.msgId;
+  EXPECT_EQ(Outcomes(result.tasks), (std::vector<std::string>{"SET:test:g:b 1 done", "ADD:test:g:b 1 no operation"}));
+  EXPECT_EQ(Applied(), std::vector<std::string>{"test:g:b SET:b/b1={\"v\":\"SET\"}"});
+  // Counted in the step all the same.
+  EXPECT_EQ(task->child->Progress(), (std::vector<float>{20.0f, 60.0f}));
+  EXPECT_TRUE(log_.Contains(1, "No apply operation of plugin=test:g:b matches key=ADD:test:g:b"));
 }
 
 TEST_F(ApplyTest, AbortBetweenTasksLeavesTheRestUnrun) {

@@ -60,6 +60,8 @@ TEST_F(DocumentFiles, RoundTripThroughAHostFileIsCompactAndPrivate) {
   WriteFile("/etc/corvane/desired.json", "stale content that is longer than the new one................", 0644);
   CreateFileFromDocument("/etc/corvane/desired.json", doc);
   EXPECT_EQ(ReadFile("/etc/corvane/desired.json"), "{\"profile\":{\"system\":{\"time\":{\"ntp\":{\"enabled\":true}}}}}");
+  EXPECT_EQ(Mode("/etc/corvane/desired.json"), 0600);
+  EXPECT_FALSE(Exists("/etc/corvane/desired.json.new"));
 
   CreateFileFromDocument("/var/corvane/new.json", doc);  // directory missing: silently nothing
   EXPECT_FALSE(Exists("/var/corvane/new.json"));

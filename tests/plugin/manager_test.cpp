@@ -178,10 +178,11 @@ TEST_F(ManagerTest, SampleHostOrder) {
   InstallSampleHost();
   PluginManager apply(QenConfigManager::PLUGIN_APPLY);
   EXPECT_EQ(apply.GetDependencies(),
-            (Order{"system-early", "nic-removal", "nic-creation", "nic-config", "dns-resolver", "network",
-                   "nfs-mounts", "storage", "kernel-options", "time-sync", "system"}));
+            (Order{"root-login", "system-early", "nic-removal", "nic-creation", "nic-config", "dns-resolver",
+                   "virtual-switches", "management-network", "network", "nfs-mounts", "storage",
+                   "kernel-options", "time-sync", "system"}));
   PluginManager boot(QenConfigManager::PLUGIN_APPLY_BOOT);
-  EXPECT_EQ(boot.GetPlugins().size(), 4u);
+  EXPECT_EQ(boot.GetPlugins().size(), 7u);
   PluginManager extract(QenConfigManager::PLUGIN_EXTRACT);
   EXPECT_EQ(extract.GetPlugins().size(), 4u);
   PluginManager validate(QenConfigManager::PLUGIN_VALIDATE);

@@ -35,8 +35,10 @@ class QenConfigTest : public HostRootTest {
   }
 
   // Starts qenconfig --root <this root> args... in the background; `name`
-  // tells its output files apart from those of other running ones.
-  Running Start(std::vector<std::string> args, const std::string& name = "run") {
+  // tells its output files apart from those of other running ones. Standard
+  // input is `input` (a physical path, opened for reading and writing).
+  Running Start(std::vector<std::string> args, const std::string& name = "run",
+                const std::string& input = "/dev/null") {
     Running running{-1, "/." + name + ".stdout", "/." + name + ".stderr"};
     args.insert(args.begin(), {QEN_BINARY_DIR "/tools/qenconfig", "--root", Root()});
     std::vector<char*> argv;
@@ -45,7 +47,7 @@ class QenConfigTest : public HostRootTest {
     const std::string out = Path(running.out), err = Path(running.err);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDWR, 0);
     posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     char* env[] = {nullptr};

@@ -52,7 +52,7 @@ TEST_F(SchemaStoreTest, SampleHostKeysAnswerTheirQueries) {
   InstallSampleHost();
   auto store = SchemaStore::GetStore();
   ASSERT_TRUE(store);
-  EXPECT_EQ(store->GetSchemaCache()->GetSchemas().size(), 14u);
+  EXPECT_EQ(store->GetSchemaCache()->GetSchemas().size(), 18u);
 
   auto resolver = GetSchema("network", "dns", "resolver", store);
   ASSERT_TRUE(resolver);

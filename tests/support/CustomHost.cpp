@@ -47,6 +47,54 @@ void CustomHostTest::EnableFeature(const std::string& name) {
   WriteFile("/etc/corvane/features.json", "{\"features\": {\"" + name + "\": true}}");
 }
 
+std::string TestKeySchema(const std::string& group, const std::string& key, bool singleton,
+                          const std::string& extra) {
+  const std::string item = R"({"type": "object", "properties": {"name": {"type": "string"}, "v": {"type": "integer"}}})";
+  return R"({"component": "test", "group": ")" + group + R"(", "key": ")" + key + R"(", "userConfig": "u", )" + extra +
+         (singleton ? R"("singleton": true, "schema": )" + item
+                    : R"("singleton": false, "instanceId": "name", "schema": {"type": "array", "items": )" + item + "}") +
+         "}";
+}
+
+std::string V3ApplyManifest(const std::string& accepts, const std::string& applyGroup,
+                            const std::string& provides, bool boot) {
+  return R"({"version": 3, "type": "python", "accepts": [)" + accepts + R"(], "apply": {"apply_group": ")" +
+         applyGroup + R"(", "boot": )" + (boot ? "true" : "false") + R"(, "REMEDIATE": {"provides": ")" + provides +
+         R"(", "depends": []}}})";
+}
+
+const char* const kRecordingApplyPy = R"(import os, signal
+import qenplugin
+
+def apply(call):
+    me = call.request.GetId()
+    cue = call.request.GetClusterContext()
+    if not cue and os.path.exists(qenplugin.HostPath("/tmp/apply-cue")):
+        with open(qenplugin.HostPath("/tmp/apply-cue")) as f:
+            cue = f.read().strip()
+    verb, _, who = cue.partition(":")
+    if who == me and verb == "fail":
+        raise qenplugin.PluginError("corvane.qen.settings.test.apply-failed", [me])
+    if who == me and verb == "die":
+        os.kill(os.getpid(), signal.SIGKILL)
+    if who == me and verb == "garbage":
+        with open(qenplugin.HostPath("/var/corvane/lifecycle/cm-plugin-output.json"), "w") as f:
+            f.write('{"error": ')
+        os._exit(0)
+    line = me
+    for item in call.request.GetData():
+        oid = item.object.GetConfigStoreObjectId()
+        line += " %s:%s%s" % (item.operation, oid.key, "/" + oid.instance if oid.instance else "")
+        if item.drift:
+            line += "=" + item.drift.ToString()
+        if item.operation == "DELETE":
+            call.store.DeleteObject(oid)
+        else:
+            call.store.SetObject(oid, item.object.GetValue())
+    with open(qenplugin.HostPath("/tmp/applied.txt"), "a") as f:
+        f.write(line + "\n")
+)";
+
 class RecordingTask::Sink : public QenConfigManager::TaskHandle::Notifications {
  public:
   explicit Sink(RecordingTask* task) : task_(task) {}

@@ -29,6 +29,23 @@ class CustomHostTest : public HostRootTest {
   void EnableFeature(const std::string& name);
 };
 
+// A key schema file for test/<group>/<key> whose values are {"name": string,
+// "v": integer}: one object (singleton) or instances named by "name".
+// `extra` adds members to the file (each ending in ", ").
+std::string TestKeySchema(const std::string& group, const std::string& key, bool singleton,
+                          const std::string& extra = "");
+
+// A version-3 Python plugin manifest with one apply operation.
+std::string V3ApplyManifest(const std::string& accepts, const std::string& applyGroup,
+                            const std::string& provides, bool boot);
+
+// A Python apply plugin that records each input in the store and appends
+// what it was given to /tmp/applied.txt: "<plugin> OP:key[/instance][=drift]
+// ...". A cue fails one plugin: the context, or when that is empty the file
+// /tmp/apply-cue, says "fail:<id>", "die:<id>" (killed by a signal) or
+// "garbage:<id>" (a broken result file).
+extern const char* const kRecordingApplyPy;
+
 // A task handle that records what an operation reports and aborts on cue.
 class RecordingTask : public QenConfigManager::TaskHandle {
  public:

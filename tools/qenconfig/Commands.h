@@ -39,4 +39,7 @@ void WriteUserFile(const std::string& path, const std::string& text);
 // Whether stderr is a terminal (progress lines are only drawn there).
 bool StderrIsTerminal();
 
+// The name of a QUICK_BOOT_STATUS value as it reads in code.
+const char* QuickBootName(int status);
+
 }  // namespace qenconfig

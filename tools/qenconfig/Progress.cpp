@@ -2,8 +2,11 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <string>
 
 #include "Commands.h"
 
@@ -12,6 +15,9 @@ namespace {
 
 std::atomic<int> g_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "read and written in a signal handler");
+// Steady-clock ticks of the --timeout deadline; 0: none. Read by the plugin
+// launcher's monitor thread too.
+std::atomic<std::chrono::steady_clock::rep> g_deadline{0};
 
 void OnInterrupt(int sig) {
   int none = 0;
@@ -39,7 +45,7 @@ namespace {
 
 class InterruptibleTask : public QenConfigManager::TaskHandle {
  public:
-  bool IsAborted() override { return g_signal.load() != 0; }
+  bool IsAborted() override { return g_signal.load() != 0 || TimedOut(); }
 };
 
 class TerminalNotifications : public QenConfigManager::TaskHandle::Notifications {
@@ -78,7 +84,92 @@ class TerminalTask : public InterruptibleTask {
   const char* what_;
 };
 
+// Standard error of an apply: notification lines, and on a terminal a
+// progress bar kept below them. Used from the caller's thread only.
+struct ApplyScreen {
+  explicit ApplyScreen(bool terminal) : terminal(terminal) {}
+  ~ApplyScreen() {
+    if (!bar.empty()) fprintf(stderr, "\r\033[K");
+  }
+  void Line(const std::string& line) {
+    if (terminal) fprintf(stderr, "\r\033[K%s\n%s", line.c_str(), bar.c_str());
+    else fprintf(stderr, "%s\n", line.c_str());
+    fflush(stderr);
+  }
+  void Bar(const char* what, float percent) {
+    if (!terminal) return;
+    constexpr int kWidth = 30;
+    const int filled = std::max(0, std::min(kWidth, static_cast<int>(percent * kWidth / 100.0f + 0.5f)));
+    char text[96];
+    snprintf(text, sizeof text, "%-15s [%s%s] %3.0f%%", what, std::string(filled, '#').c_str(),
+             std::string(kWidth - filled, '.').c_str(), static_cast<double>(percent));
+    bar = text;
+    fprintf(stderr, "\r\033[K%s", bar.c_str());
+    fflush(stderr);
+  }
+  const bool terminal;
+  std::string bar;  // what is drawn on the last line, "" for nothing
+};
+
+class NotificationLines : public QenConfigManager::TaskHandle::Notifications {
+ public:
+  explicit NotificationLines(std::shared_ptr<ApplyScreen> screen) : screen_(std::move(screen)) {}
+  void PluginInfo(const std::string& messageId, const std::list<std::string>& args) override {
+    screen_->Line(DescribeMessage(messageId, args));
+  }
+  void PluginWarning(const std::string& messageId, const std::list<std::string>& args) override {
+    screen_->Line("warning: " + DescribeMessage(messageId, args));
+  }
+  void PluginError(QenConfigManager::ErrorInfo error) override { screen_->Line("error: " + DescribeError(error)); }
+
+ private:
+  std::shared_ptr<ApplyScreen> screen_;
+};
+
+class ApplyTask : public QenConfigManager::TaskHandle {
+ public:
+  ApplyTask(const char* what, std::shared_ptr<ApplyScreen> screen) : what_(what), screen_(std::move(screen)) {}
+  // Also called from the plugin launcher's monitor thread: atomics and the
+  // clock only.
+  bool IsAborted() override { return g_signal.load() != 0 || TimedOut(); }
+  void UpdateProgress(float percent) override { screen_->Bar(what_, percent); }
+  std::shared_ptr<Notifications> AddNotification() override { return std::make_shared<NotificationLines>(screen_); }
+  std::shared_ptr<TaskHandle> ChildTask(int) override {
+    return std::make_shared<ApplyTask>("applying", screen_);
+  }
+
+ private:
+  const char* what_;
+  std::shared_ptr<ApplyScreen> screen_;
+};
+
 }  // namespace
+
+std::shared_ptr<QenConfigManager::TaskHandle> MakeApplyTask() {
+  CatchInterrupts();
+  return std::make_shared<ApplyTask>("checking impact", std::make_shared<ApplyScreen>(StderrIsTerminal()));
+}
+
+std::string DescribeMessage(const std::string& id, const std::list<std::string>& args) {
+  static const std::string kPrefix = "corvane.qen.settings.";
+  static const std::string kPlugin = ".plugin.";
+  const size_t plugin = id.find(kPlugin);
+  const size_t event = plugin + kPlugin.size();
+  if (id.compare(0, kPrefix.size(), kPrefix) == 0 && plugin != std::string::npos && args.size() == 1 &&
+      id.find('.', event) == std::string::npos)
+    return id.substr(kPrefix.size(), plugin - kPrefix.size()) + " plugin " + args.front() + " " + id.substr(event);
+  std::string text = id;
+  bool first = true;
+  for (const std::string& a : args) {
+    text += (first ? ": " : ", ") + a;
+    first = false;
+  }
+  return text;
+}
+
+std::string DescribeError(const QenConfigManager::ErrorInfo& error) {
+  return DescribeMessage(error.msgId, error.args) + (error.message.empty() ? "" : " (" + error.message + ")");
+}
 
 std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what) {
   CatchInterrupts();
@@ -87,6 +178,18 @@ std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what)
 }
 
 int InterruptSignal() { return g_signal.load(); }
+
+void AbortAfter(double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                            std::chrono::duration<double>(seconds));
+  g_deadline.store(deadline.time_since_epoch().count());
+}
+
+bool TimedOut() {
+  const auto deadline = g_deadline.load();
+  return deadline != 0 && std::chrono::steady_clock::now().time_since_epoch().count() >= deadline;
+}
 
 void ExitIfInterrupted() {
   if (int sig = InterruptSignal()) throw Interrupted{sig};

@@ -3,7 +3,9 @@
 // and SIGTERM become an abort of the running operation.
 #pragma once
 
+#include <list>
 #include <memory>
+#include <string>
 
 #include "configmanager/common.h"
 
@@ -17,11 +19,30 @@ namespace qenconfig {
 // one ends the process at once; its runner dies with it. Operations that
 // take no task handle (extraction) finish their plugin calls first.
 std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what);
+// The task handle of apply: stopped like MakeProgressTask's (signals,
+// AbortAfter). On a terminal it draws a progress bar on stderr; plugin
+// notifications are one line each on stderr either way. Its child tasks
+// share the stop and the output, so the remediation's plugins stop and
+// report like the task's own.
+std::shared_ptr<QenConfigManager::TaskHandle> MakeApplyTask();
+// One line for a message identifier with its arguments:
+// "corvane.qen.settings.apply.plugin.started" with [p] reads "apply plugin p
+// started"; any other shows the identifier and its arguments.
+std::string DescribeMessage(const std::string& id, const std::list<std::string>& args);
+// The same for an error, followed by its message text when it has one.
+std::string DescribeError(const QenConfigManager::ErrorInfo& error);
 // The same signal handling for a command whose operation takes no task.
 void CatchInterrupts();
 
 // The signal that asked the command to stop, or 0.
 int InterruptSignal();
+
+// From `seconds` from now on (> 0), every task handle of MakeProgressTask
+// and MakeApplyTask reports an abort, as a signal would, without ending the
+// command: it then reports the aborted operation's outcome (TimedOut() tells
+// why).
+void AbortAfter(double seconds);
+bool TimedOut();
 
 // Thrown by ExitIfInterrupted, turned into the exit status by Run.
 struct Interrupted {

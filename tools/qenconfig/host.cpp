@@ -4,9 +4,7 @@
 #include "Commands.h"
 #include "configmanager/common.h"
 
-namespace {
-
-const char* QuickBootName(QenConfigManager::QUICK_BOOT_STATUS status) {
+const char* qenconfig::QuickBootName(int status) {
   switch (status) {
     case QenConfigManager::QUICKBOOT_UNSUPPORTED: return "QUICKBOOT_UNSUPPORTED";
     case QenConfigManager::QUICKBOOT_SUPPORTED: return "QUICKBOOT_SUPPORTED";
@@ -14,6 +12,8 @@ const char* QuickBootName(QenConfigManager::QUICK_BOOT_STATUS status) {
   }
   return "unknown";
 }
+
+namespace {
 
 qenconfig::Registrar reg([](CLI::App& app) {
   auto* host = app.add_subcommand("host", "The host's status");
@@ -27,7 +27,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
       const QenConfigManager::QUICK_BOOT_STATUS quickBoot = QenConfigManager::FetchQuickBootStatus();
       const std::string uuid = QenConfigManager::GetBIOSUUID();
       std::cout << "maintenance mode: " << (maintenance ? "enabled" : "disabled") << "\n"
-                << "quick boot: " << QuickBootName(quickBoot) << " (" << static_cast<int>(quickBoot)
+                << "quick boot: " << qenconfig::QuickBootName(quickBoot) << " (" << static_cast<int>(quickBoot)
                 << ")\n"
                 << "BIOS UUID: " << uuid << "\n";
       return qenconfig::kOk;

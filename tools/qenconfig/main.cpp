@@ -70,10 +70,13 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer(
       "Exit codes: 0 ok, 1 failure, 2 usage, 3 not compliant (compliance); 128 + the signal (130,\n"
-      "143) when SIGINT or SIGTERM stopped a command that runs plugins: validate terminates its\n"
-      "running plugin, extract, export and compliance stop once their extraction has run; no\n"
-      "plugin and no plugin request or result file is left. A second signal ends qenconfig at\n"
-      "once (its plugin with it). Errors go to stderr as \"error <code>: <message>\".");
+      "143) when SIGINT or SIGTERM stopped a command that runs plugins: validate, set, delete,\n"
+      "impact, plan and apply terminate their running plugin (set, delete and apply before the\n"
+      "next apply plugin too; what ran stays applied), extract, export and compliance stop once\n"
+      "their extraction has run; no plugin and no plugin request or result file is left. A\n"
+      "second signal ends qenconfig at once (its plugin with it). Errors go to stderr as\n"
+      "\"error <code>: <message>\". apply has codes of its own (4 to 9, see `qenconfig apply\n"
+      "--help`).");
   std::string root;
   int verbosity = -1;
   // Applied while parsing, before any command's callback runs.

@@ -60,14 +60,17 @@ qenconfig::Registrar reg([](CLI::App& app) {
     }));
   });
 
-  auto* stats = store->add_subcommand("stats", "Print the store's size statistics");
+  auto* stats = store->add_subcommand(
+      "stats", "Print the store's size statistics and its boot mode (1: a document is staged for\n"
+               "the next boot, 4: single-key changes are)");
   stats->callback([] {
     qenconfig::Exit(qenconfig::Run([] {
       QenConfigStore::GetDBStore(DBStore::USER, false);
       std::cout << "rowCount=" << QenConfigStore::GetConfigRowCount() << "\n"
                 << "vitalConfigSize=" << QenConfigStore::GetVitalConfigSize() << "\n"
                 << "userConfigSize=" << QenConfigStore::GetUserConfigSize() << "\n"
-                << "cachedConfigSize=" << QenConfigStore::GetCachedConfigSize() << "\n";
+                << "cachedConfigSize=" << QenConfigStore::GetCachedConfigSize() << "\n"
+                << "bootMode=" << QenConfigStore::GetBootMode() << "\n";
       for (const std::string& line : QenConfigStore::GetConfigMetrics()) std::cout << line << "\n";
       return 0;
     }));

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -94,6 +95,17 @@ bool ReplaceFile(const std::string& path, const std::string& text, int mode) {
   errno = err;
   return false;
 }
+
+namespace {
+std::atomic<int> g_failRemoveAfter{0};
+}  // namespace
+
+int RemoveFile(const std::string& path) {
+  if (g_failRemoveAfter.load() > 0 && g_failRemoveAfter.fetch_sub(1) == 1) return EBUSY;
+  return ::unlink(path.c_str()) == 0 ? 0 : errno;
+}
+
+void FailNthRemove(int n) { g_failRemoveAfter.store(n > 0 ? n : 0); }
 
 bool ReadHostJson(const std::string& logical, rapidjson::Document& doc, std::string* error) {
   std::string text;

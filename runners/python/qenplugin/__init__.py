@@ -47,6 +47,28 @@ def HostPath(logical):
     return HostRoot() + logical
 
 
+def WriteHostFile(logical, text, mode=0o644):
+    """Replaces the host file at `logical` by `text` at once: written beside it
+    with exactly `mode`, then renamed over it, so a reader never sees a part.
+    Missing directories are created."""
+    path = HostPath(logical)
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    temporary = path + ".new"
+    fd = os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, mode)
+    with os.fdopen(fd, "w") as stream:
+        stream.write(text)
+    os.chmod(temporary, mode)  # open's mode went through the umask
+    os.replace(temporary, path)
+
+
+def RemoveHostFile(logical):
+    """Removes the host file at `logical`; a missing file is no error."""
+    try:
+        os.remove(HostPath(logical))
+    except FileNotFoundError:
+        pass
+
+
 # The request document of a plugin call, runner side ------------------------
 #
 # Mirrors the library's PluginRequest getters and their messages. The request
@@ -488,6 +510,7 @@ def _run(root):
 __all__ = [
     "ApplyResult", "CachedDriftObject", "Call", "ConfigStoreObject", "ConfigStoreObjectId",
     "DesiredConfigInput", "DriftObject", "ErrorInfo", "ExtractResult", "HostPath", "HostRoot",
-    "ImpactResult", "PluginError", "PluginRequest", "RequestError", "ValidationResult",
+    "ImpactResult", "PluginError", "PluginRequest", "RemoveHostFile", "RequestError",
+    "ValidationResult", "WriteHostFile",
     "IMPACT_NONE", "IMPACT_MAINTENANCE_MODE", "IMPACT_REBOOT",
 ]

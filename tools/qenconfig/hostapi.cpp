@@ -1,0 +1,239 @@
+// qenconfig get | set | delete COMPONENT GROUP KEY: one key's configuration.
+#include <unistd.h>
+
+#include <iostream>
+
+#include "Commands.h"
+#include "Progress.h"
+#include "configmanager/hostapi.h"
+
+namespace {
+
+using namespace QenConfigManager;
+
+struct KeyArgs {
+  std::string component, group, key;
+  std::string Name() const { return component + "/" + group + "/" + key; }
+};
+
+struct ChangeArgs : KeyArgs {
+  std::string value;  // set only: VALUE or @FILE
+  bool yes = false;
+  double timeout = 0;
+};
+
+void AddKeyOptions(CLI::App* cmd, KeyArgs& args) {
+  cmd->add_option("COMPONENT", args.component, "Component")->required();
+  cmd->add_option("GROUP", args.group, "Group")->required();
+  cmd->add_option("KEY", args.key, "Key")->required();
+}
+
+void AddChangeOptions(CLI::App* cmd, ChangeArgs& args) {
+  cmd->add_flag("-y,--yes", args.yes,
+                "Accept a change that needs maintenance mode or a reboot without asking (required\n"
+                "when standard input is not a terminal)");
+  cmd->add_option("--timeout", args.timeout, "Abort the remediation after SECONDS")
+      ->check(CLI::PositiveNumber);
+}
+
+std::string Pretty(const std::string& text) {
+  if (text.empty()) return "(none)";
+  rapidjson::Document doc;
+  ParseDocument(text, doc);
+  return JsonToString(doc);
+}
+
+std::string Joined(const std::list<std::string>& args) {
+  std::string text;
+  for (const std::string& a : args) text += (text.empty() ? "" : ", ") + a;
+  return text;
+}
+
+std::string Describe(const ErrorInfo& error) {
+  std::string text = error.msgId;
+  if (!error.args.empty()) text += " (" + Joined(error.args) + ")";
+  if (!error.message.empty()) text += ": " + error.message;
+  return text;
+}
+
+int Get(const KeyArgs& args, bool json) {
+  std::string defaults, current, userConfig;
+  GetConfig(args.component, args.group, args.key, defaults, current, userConfig);
+  if (!json) {
+    std::cout << args.Name() << ": " << userConfig << "\n"
+              << "default: " << Pretty(defaults) << "\n"
+              << "current: " << Pretty(current) << "\n";
+    return qenconfig::kOk;
+  }
+  rapidjson::Document out(rapidjson::kObjectType);
+  auto& a = out.GetAllocator();
+  auto add = [&](const char* name, const std::string& text) {
+    rapidjson::Document value;
+    if (!text.empty()) ParseDocument(text, value);
+    out.AddMember(rapidjson::StringRef(name), rapidjson::Value(value, a), a);
+  };
+  out.AddMember("component", rapidjson::Value(args.component, a), a);
+  out.AddMember("group", rapidjson::Value(args.group, a), a);
+  out.AddMember("key", rapidjson::Value(args.key, a), a);
+  out.AddMember("userConfig", rapidjson::Value(userConfig, a), a);
+  add("default", defaults);
+  add("current", current);
+  std::cout << JsonToString(out) << "\n";
+  return qenconfig::kOk;
+}
+
+// Runs the validation plugins over the change and its dependents; prints
+// every problem with its path. False when there is one.
+bool ValidateRelevant(const rapidjson::Document& relevant) {
+  if (!relevant.IsObject() || relevant.MemberCount() == 0) return true;
+  ValidationResult result;
+  auto schema = GenerateHostDocumentSchema(relevant);
+  if (auto* errors = std::get_if<std::vector<ValidationErrorInfo>>(&schema)) {
+    result.errors = std::move(*errors);
+  } else {
+    Validate(relevant, std::get<rapidjson::Document>(schema), "", result, true,
+             qenconfig::MakeProgressTask("validating"));
+    qenconfig::ExitIfInterrupted();
+  }
+  for (const ValidationErrorInfo& error : result.errors)
+    for (const ErrorInfo& message : error.messages)
+      std::cerr << "invalid: " << error.path << ": " << Describe(message) << "\n";
+  if (!result.pluginError.IsEmpty())
+    std::cerr << "error: validation failed: " << Describe(result.pluginError) << "\n";
+  return result.errors.empty() && result.pluginError.IsEmpty();
+}
+
+// Prints the impact; 0 to go on, else the command's exit status.
+int ReviewImpact(const ImpactResult& impact, const ChangeArgs& args) {
+  qenconfig::ExitIfInterrupted();
+  if (!impact.errorInfo.IsEmpty()) {
+    std::cerr << "error: impact check failed: " << Describe(impact.errorInfo) << "\n";
+    return qenconfig::kFailure;
+  }
+  static const char* const kNames[] = {"none", "maintenance mode required", "reboot required"};
+  std::cout << "impact: " << kNames[impact.impact] << "\n";
+  for (const ImpactInfo& info : impact.impactInfo)
+    std::cout << "  " << info.msgId << (info.args.empty() ? "" : " (" + Joined(info.args) + ")") << "\n";
+  if (impact.impact == NO_IMPACT || args.yes) return 0;
+  // Outside maintenance mode the change is refused (2026) whatever the answer.
+  if (impact.impact == MAINTENANCE_MODE_REQUIRED && !IsMaintenanceModeEnabled()) return 0;
+
+  const char* why = impact.impact == REBOOT_REQUIRED ? "takes effect only after a reboot"
+                                                     : "needs the host in maintenance mode";
+  if (isatty(STDIN_FILENO) != 1) {
+    std::cerr << "error: this change " << why
+              << "; standard input is not a terminal, so confirm it with --yes\n";
+    return qenconfig::kUsage;
+  }
+  std::cerr << "This change " << why << ". Proceed? [y/N] " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer == "y" || answer == "Y" || answer == "yes") return 0;
+  std::cout << "Nothing changed.\n";
+  return qenconfig::kFailure;
+}
+
+// Reports what SetConfig or DeleteConfig returned.
+int Report(const ErrorInfo& error, const ImpactResult& impact, const ChangeArgs& args,
+           const char* done, const char* staged) {
+  qenconfig::ExitIfInterrupted();
+  if (!error.IsEmpty()) {
+    if (qenconfig::TimedOut())
+      std::cerr << "error: stopped after --timeout " << args.timeout << " s\n";
+    std::cerr << "error: " << Describe(error) << "\n";
+    return qenconfig::kFailure;
+  }
+  if (impact.impact == REBOOT_REQUIRED)
+    std::cout << staged << " for the next boot: " << args.Name() << " (reboot the host to apply it)\n";
+  else
+    std::cout << done << ": " << args.Name() << "\n";
+  return qenconfig::kOk;
+}
+
+std::string ValueText(const std::string& value) {
+  return !value.empty() && value[0] == '@' ? qenconfig::ReadUserFile(value.substr(1)) : value;
+}
+
+// The host configuration API is for user configuration only: GetConfig
+// refuses any other key (2181).
+void RequireUserConfig(const KeyArgs& args) {
+  std::string defaults, current, userConfig;
+  GetConfig(args.component, args.group, args.key, defaults, current, userConfig);
+}
+
+// Ctrl-C from the start: reading the current value through a plugin takes
+// no task handle, so a stop then takes effect once the read returns.
+int Set(const ChangeArgs& args) {
+  qenconfig::CatchInterrupts();
+  RequireUserConfig(args);
+  rapidjson::Document value, desired, current, relevant;
+  std::vector<ValidationErrorInfo> errors;
+  if (!ValidateInputSet(args.component, args.group, args.key, ValueText(args.value), value, errors)) {
+    for (const ValidationErrorInfo& error : errors)
+      for (const ErrorInfo& message : error.messages)
+        std::cerr << "invalid: " << error.path << ": " << Describe(message) << "\n";
+    return qenconfig::kFailure;
+  }
+  GenerateSetDocuments(args.component, args.group, args.key, value, desired, current, relevant);
+  qenconfig::ExitIfInterrupted();
+  if (!ValidateRelevant(relevant)) return qenconfig::kFailure;
+  ImpactResult impact = CheckImpact(desired, current, qenconfig::MakeProgressTask("impact"));
+  if (impact.errorInfo.IsEmpty() && impact.compliant) {
+    std::cout << "Nothing to change: " << args.Name() << " already has this value.\n";
+    return qenconfig::kOk;
+  }
+  if (int status = ReviewImpact(impact, args)) return status;
+  if (args.timeout > 0) qenconfig::AbortAfter(args.timeout);
+  ErrorInfo error = SetConfig(desired, current, value, impact, args.component, args.group, args.key,
+                              qenconfig::MakeProgressTask("applying"));
+  return Report(error, impact, args, "applied", "staged");
+}
+
+int Delete(const ChangeArgs& args) {
+  qenconfig::CatchInterrupts();
+  RequireUserConfig(args);
+  ValidateInputDelete(args.component, args.group, args.key);
+  rapidjson::Document current, relevant;
+  GenerateDeleteDocuments(args.component, args.group, args.key, current, relevant);
+  qenconfig::ExitIfInterrupted();
+  if (current.IsNull()) {
+    std::cout << "Nothing to delete: " << args.Name() << " has no current value.\n";
+    return qenconfig::kOk;
+  }
+  if (!ValidateRelevant(relevant)) return qenconfig::kFailure;
+  rapidjson::Document nothing(rapidjson::kObjectType);
+  ImpactResult impact = CheckImpact(nothing, current, qenconfig::MakeProgressTask("impact"));
+  if (int status = ReviewImpact(impact, args)) return status;
+  if (args.timeout > 0) qenconfig::AbortAfter(args.timeout);
+  ErrorInfo error = DeleteConfig(current, impact, args.component, args.group, args.key,
+                                 qenconfig::MakeProgressTask("applying"));
+  return Report(error, impact, args, "deleted", "deletion staged");
+}
+
+qenconfig::Registrar reg([](CLI::App& app) {
+  auto* get = app.add_subcommand("get", "Print one key's default and current configuration");
+  static KeyArgs getArgs;
+  static bool json = false;
+  AddKeyOptions(get, getArgs);
+  get->add_flag("--json", json, "One JSON object: component, group, key, userConfig, default, current");
+  get->callback([] { qenconfig::Exit(qenconfig::Run([] { return Get(getArgs, json); })); });
+
+  auto* set = app.add_subcommand(
+      "set",
+      "Set one key: validate, show the impact, then apply at once or stage for the next boot\n"
+      "(exit 1 when the value is invalid or the change failed or was declined, 2 when a\n"
+      "confirmation is needed and --yes is missing)");
+  static ChangeArgs setArgs;
+  AddKeyOptions(set, setArgs);
+  set->add_option("VALUE", setArgs.value, "The key's value as JSON text, or @FILE")->required();
+  AddChangeOptions(set, setArgs);
+  set->callback([] { qenconfig::Exit(qenconfig::Run([] { return Set(setArgs); })); });
+
+  auto* del = app.add_subcommand("delete", "Delete one key's configuration (same flow as set)");
+  static ChangeArgs deleteArgs;
+  AddKeyOptions(del, deleteArgs);
+  AddChangeOptions(del, deleteArgs);
+  del->callback([] { qenconfig::Exit(qenconfig::Run([] { return Delete(deleteArgs); })); });
+});
+
+}  // namespace
