@@ -10,14 +10,24 @@
 //   export        ExportDocumentTelemetry of the host's configuration (store,
 //                 an allowlist naming every key), against ComputeDrift of that
 //                 configuration against itself
-// The store holds the host document (0% drift) as current values; the host
-// root has the sample host's runners and manifest schemas, the drift
-// benchmark's key schemas and the benchmark's own apply plugin
-// (plugins/benchlines.cpp) serving the drifted keys.
+//   boot apply    ExecuteBootPlugins with the drifted keys staged in the
+//                 store: the desired and the current configuration
+//                 extracted, the walk, the boot-capable apply plugin, the
+//                 boot record stored
+//   set           the host API's change of one drifted key (ValidateInputSet,
+//                 GenerateSetDocuments, CheckImpact, SetConfig through the
+//                 apply plugin): how a one-key change compares with a walk of
+//                 the whole host at that size
+// The store holds the host document (0% drift) as current values, and the
+// drifted keys' values staged as desired; the host root has the sample
+// host's runners and manifest schemas, the drift benchmark's key schemas and
+// the benchmark's own boot-capable apply plugin (plugins/benchlines.cpp)
+// serving the drifted keys.
 #include <benchmark/benchmark.h>
 
 #include <boost/filesystem.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -27,7 +37,9 @@
 #include "HostRootTest.h"
 #include "QenConfigStore.h"
 #include "configmanager/apply.h"
+#include "configmanager/boot.h"
 #include "configmanager/extract.h"
+#include "configmanager/hostapi.h"
 #include "configmanager/impact.h"
 #include "drift_documents.h"
 #include "paired.h"
@@ -46,6 +58,7 @@ struct Case {
 };
 std::map<int, Case> g_cases;  // by key count
 int g_loaded = 0;             // the key count the store and host root hold
+bool g_staged = false;        // whether the store holds the drifted keys as desired
 
 void Parse(const std::string& text, rapidjson::Document& doc) {
   doc.Parse(text.c_str(), text.size());
@@ -63,17 +76,35 @@ std::string KeyName(int i, char separator) {
          std::to_string((i / 10) % 10);
 }
 
-// The store's current values, the telemetry allowlist and the apply
-// plugin's manifest for `keys` keys (outside the timed part).
-void UseKeys(int keys) {
-  if (g_loaded == keys) return;
+// The store's current values (and with `staged` the drifted keys' values as
+// desired), the telemetry allowlist and the apply plugin's manifest for
+// `keys` keys (outside the timed part).
+void UseKeys(int keys, bool staged) {
+  if (g_loaded == keys && g_staged == staged) return;
   Case& c = g_cases.at(keys);
   rapidjson::Document description(rapidjson::kObjectType);
   auto& a = description.GetAllocator();
   rapidjson::Value current;
   current.CopyFrom(c.host->GetDocument(), a);
+  // The drifted keys (one in a hundred, all singletons) staged as desired.
+  rapidjson::Value stagedValues(rapidjson::kObjectType);
+  for (auto& component : c.desired.GetObject()) {
+    for (auto& group : component.value.GetObject()) {
+      for (auto& key : group.value.GetObject()) {
+        const rapidjson::Value& was = c.host->GetDocument()[component.name][group.name][key.name];
+        if (key.value == was) continue;
+        if (!stagedValues.HasMember(component.name))
+          stagedValues.AddMember(rapidjson::Value(component.name, a), rapidjson::Value(rapidjson::kObjectType), a);
+        rapidjson::Value& groups = stagedValues[component.name];
+        if (!groups.HasMember(group.name))
+          groups.AddMember(rapidjson::Value(group.name, a), rapidjson::Value(rapidjson::kObjectType), a);
+        groups[group.name].AddMember(rapidjson::Value(key.name, a), rapidjson::Value(key.value, a), a);
+      }
+    }
+  }
   rapidjson::Value host(rapidjson::kObjectType);
   host.AddMember("current", current, a);
+  if (staged) host.AddMember("desired", stagedValues, a);
   description.AddMember("host", host, a);
   QenConfigStore::LoadStoreDescription(description);
 
@@ -86,8 +117,9 @@ void UseKeys(int keys) {
   Put("/usr/lib/corvane/configmanager/telemetry/bench.json", "[" + allow + "]");
   Put("/usr/lib/corvane/configmanager/apply_modules/benchlines/manifest.json",
       R"({"version": 3, "type": "c++", "accepts": [)" + accepts + R"(],
-          "apply": {"apply_group": "system", "boot": false, "REMEDIATE": {"provides": "lines", "depends": []}}})");
+          "apply": {"apply_group": "system", "boot": true, "REMEDIATE": {"provides": "lines", "depends": []}}})");
   g_loaded = keys;
+  g_staged = staged;
 }
 
 void Compliance(rapidjson::Document& desired, const std::shared_ptr<QenConfigStore::JsonDoc>& host) {
@@ -100,7 +132,7 @@ void Compliance(rapidjson::Document& desired, const std::shared_ptr<QenConfigSto
 
 void BM_Impact(benchmark::State& state) {
   const int keys = static_cast<int>(state.range(0));
-  UseKeys(keys);
+  UseKeys(keys, false);
   Case& c = g_cases.at(keys);
   QenBench::Paired(
       state,
@@ -113,7 +145,7 @@ void BM_Impact(benchmark::State& state) {
 
 void BM_CheckApplyApply(benchmark::State& state) {
   const int keys = static_cast<int>(state.range(0));
-  UseKeys(keys);
+  UseKeys(keys, false);
   Case& c = g_cases.at(keys);
   QenBench::Paired(
       state,
@@ -129,11 +161,51 @@ void BM_CheckApplyApply(benchmark::State& state) {
 
 void BM_TelemetryExport(benchmark::State& state) {
   const int keys = static_cast<int>(state.range(0));
-  UseKeys(keys);
+  UseKeys(keys, false);
   Case& c = g_cases.at(keys);
   QenBench::Paired(
       state, [&] { return ExportDocumentTelemetry().size() > c.hostText.size() / 2; },
       [&] { Compliance(c.same, c.host); });
+}
+
+void BM_BootApply(benchmark::State& state) {
+  const int keys = static_cast<int>(state.range(0));
+  UseKeys(keys, true);
+  Case& c = g_cases.at(keys);
+  // The plugin writes a line per input: the drifted keys must have reached it.
+  const std::string lines = g_root + "/tmp/bench-lines.conf";
+  auto applied = [&] {
+    std::ifstream in(lines);
+    return std::count(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>(), '\n');
+  };
+  QenBench::Paired(
+      state,
+      [&] {
+        boost::filesystem::remove(lines);
+        return ExecuteBootPlugins() == 0 && applied() == keys / 100;
+      },
+      [&] { Compliance(c.desired, c.host); });
+}
+
+// Key 50 is the first that the drift changes: comp0/grp0/key5.
+void BM_SetOneKey(benchmark::State& state) {
+  const int keys = static_cast<int>(state.range(0));
+  UseKeys(keys, false);
+  Case& c = g_cases.at(keys);
+  const std::string valueText = QenPlatform::CompactJson(c.desired["comp0"]["grp0"]["key5"]);
+  QenBench::Paired(
+      state,
+      [&] {
+        rapidjson::Document value, desired, current, relevant;
+        std::vector<ValidationErrorInfo> errors;
+        if (!ValidateInputSet("comp0", "grp0", "key5", valueText, value, errors)) return false;
+        GenerateSetDocuments("comp0", "grp0", "key5", value, desired, current, relevant);
+        ImpactResult impact = CheckImpact(desired, current, TaskHandle::Dummy());
+        if (!impact.errorInfo.msgId.empty() || impact.impact != NO_IMPACT) return false;
+        return SetConfig(desired, current, value, impact, "comp0", "grp0", "key5", TaskHandle::Dummy())
+            .msgId.empty();
+      },
+      [&] { Compliance(c.desired, c.host); });
 }
 
 BENCHMARK(BM_Impact)->Arg(1000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(200);
@@ -142,10 +214,16 @@ BENCHMARK(BM_CheckApplyApply)->Arg(1000)->ArgName("keys")->Unit(benchmark::kMicr
 BENCHMARK(BM_CheckApplyApply)->Arg(10000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(20);
 BENCHMARK(BM_TelemetryExport)->Arg(1000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(200);
 BENCHMARK(BM_TelemetryExport)->Arg(10000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(40);
+BENCHMARK(BM_BootApply)->Arg(1000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(100);
+BENCHMARK(BM_BootApply)->Arg(10000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(20);
+BENCHMARK(BM_SetOneKey)->Arg(1000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(100);
+BENCHMARK(BM_SetOneKey)->Arg(10000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(100);
 
 const std::vector<QenBench::Goal> kGoals = {{"BM_Impact", "impact/drift", 0},
                                             {"BM_CheckApplyApply", "apply/drift", 0},
-                                            {"BM_TelemetryExport", "export/drift", 0}};
+                                            {"BM_TelemetryExport", "export/drift", 0},
+                                            {"BM_BootApply", "boot apply/drift", 0},
+                                            {"BM_SetOneKey", "set/drift", 0}};
 
 }  // namespace
 
