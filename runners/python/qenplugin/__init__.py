@@ -7,16 +7,17 @@ the result to fill and access to the host. See runners/README.md.
 
 One module rather than several: a runner starts for every call, and each
 module imported costs it about half a percent of an interpreter start that
-imports json. Only
-standard-library modules that the runner loads anyway are imported here; the
-store module (sqlite3) is imported on first use.
+imports json. Besides json, only modules built into the interpreter are
+imported here: host access goes through ``posix`` (loaded at start-up) rather
+than ``os``, whose import costs about 4% of such a start. The store module
+(sqlite3) is imported on first use.
 
 Sections: the host root, the request, the results, the call, the runner.
 """
 
 import errno
 import json
-import os
+import posix
 import sys
 
 # The host root of this process -------------------------------------------
@@ -36,7 +37,8 @@ def SetHostRoot(root):
 def HostRoot():
     """The physical root, without trailing slash ("" for "/")."""
     if _root is None:
-        return os.environ.get("QEN_HOST_ROOT", "").rstrip("/")
+        root = posix.environ.get(b"QEN_HOST_ROOT", b"")
+        return root.decode(sys.getfilesystemencoding(), "surrogateescape").rstrip("/")
     return _root
 
 
@@ -47,24 +49,56 @@ def HostPath(logical):
     return HostRoot() + logical
 
 
+_S_IFDIR = 0o040000
+_S_IFREG = 0o100000
+
+
+def _has_type(path, kind):
+    """Whether `path` exists with the file type `kind` (_S_IFDIR, _S_IFREG)."""
+    try:
+        return posix.stat(path).st_mode & 0o170000 == kind
+    except (OSError, ValueError):
+        return False
+
+
+def _make_dirs(path):
+    """Creates the directory `path` and its missing parents."""
+    try:
+        posix.mkdir(path)
+    except FileNotFoundError:
+        parent = path.rpartition("/")[0]
+        if not parent:
+            raise
+        _make_dirs(parent)
+        try:
+            posix.mkdir(path)
+        except FileExistsError:
+            pass  # created meanwhile
+    except FileExistsError:
+        if not _has_type(path, _S_IFDIR):
+            raise
+
+
 def WriteHostFile(logical, text, mode=0o644):
     """Replaces the host file at `logical` by `text` at once: written beside it
     with exactly `mode`, then renamed over it, so a reader never sees a part.
     Missing directories are created."""
     path = HostPath(logical)
-    os.makedirs(os.path.dirname(path), exist_ok=True)
+    directory = path.rpartition("/")[0]
+    if directory:  # "" is "/" itself
+        _make_dirs(directory)
     temporary = path + ".new"
-    fd = os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, mode)
-    with os.fdopen(fd, "w") as stream:
+    fd = posix.open(temporary, posix.O_WRONLY | posix.O_CREAT | posix.O_TRUNC, mode)
+    with open(fd, "w") as stream:
         stream.write(text)
-    os.chmod(temporary, mode)  # open's mode went through the umask
-    os.replace(temporary, path)
+    posix.chmod(temporary, mode)  # open's mode went through the umask
+    posix.replace(temporary, path)
 
 
 def RemoveHostFile(logical):
     """Removes the host file at `logical`; a missing file is no error."""
     try:
-        os.remove(HostPath(logical))
+        posix.remove(HostPath(logical))
     except FileNotFoundError:
         pass
 
@@ -352,12 +386,13 @@ class ApplyResult:
         # A new owner-only file: whatever is at the path goes first, and a
         # link planted in between fails the call instead of being followed.
         try:
-            os.unlink(path)
+            posix.unlink(path)
         except FileNotFoundError:
             pass
-        fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600)
-        os.fchmod(fd, 0o600)
-        with os.fdopen(fd, "w", encoding="utf-8") as stream:
+        fd = posix.open(path, posix.O_WRONLY | posix.O_CREAT | posix.O_EXCL | posix.O_NOFOLLOW | posix.O_CLOEXEC,
+                        0o600)
+        posix.fchmod(fd, 0o600)
+        with open(fd, "w", encoding="utf-8") as stream:
             stream.write(text)
 
 
@@ -477,7 +512,7 @@ def _run(root):
     if not plugin_id or any(p in ("", ".", "..") or "/" in p for p in parts):
         return _fail(errno.EINVAL, "invalid plugin identifier %r" % plugin_id)
     plugin_dir = HostPath(_MODULES + "/" + "/".join(parts))
-    if not os.path.isfile(os.path.join(plugin_dir, "plugin.py")):
+    if not _has_type(plugin_dir + "/plugin.py", _S_IFREG):
         return _fail(errno.ENOENT, "plugin %s has no module %s/plugin.py" % (plugin_id, plugin_dir))
 
     result = RESULTS[operation]()
