@@ -78,10 +78,10 @@ std::string KeyName(int i, char separator) {
 
 // The store's current values (and with `staged` the drifted keys' values as
 // desired), the telemetry allowlist and the apply plugin's manifest for
-// `keys` keys (outside the timed part).
-void UseKeys(int keys, bool staged) {
-  if (g_loaded == keys && g_staged == staged) return;
+// `keys` keys (outside the timed part); the documents of that size.
+Case& UseKeys(int keys, bool staged) {
   Case& c = g_cases.at(keys);
+  if (g_loaded == keys && g_staged == staged) return c;
   rapidjson::Document description(rapidjson::kObjectType);
   auto& a = description.GetAllocator();
   rapidjson::Value current;
@@ -120,6 +120,7 @@ void UseKeys(int keys, bool staged) {
           "apply": {"apply_group": "system", "boot": true, "REMEDIATE": {"provides": "lines", "depends": []}}})");
   g_loaded = keys;
   g_staged = staged;
+  return c;
 }
 
 void Compliance(rapidjson::Document& desired, const std::shared_ptr<QenConfigStore::JsonDoc>& host) {
@@ -130,82 +131,65 @@ void Compliance(rapidjson::Document& desired, const std::shared_ptr<QenConfigSto
   ComputeDrift(desired, desired.GetAllocator(), handler);
 }
 
+// `subject` paired with ComputeDrift of `desired` against the case's host.
+template <typename Subject>
+void VersusDrift(benchmark::State& state, Case& c, rapidjson::Document& desired, Subject subject) {
+  QenBench::Paired(state, subject, [&] { Compliance(desired, c.host); });
+}
+
 void BM_Impact(benchmark::State& state) {
-  const int keys = static_cast<int>(state.range(0));
-  UseKeys(keys, false);
-  Case& c = g_cases.at(keys);
-  QenBench::Paired(
-      state,
-      [&] {
-        ImpactResult result = Impact(c.desired, "", TaskHandle::Dummy());
-        return result.errorInfo.msgId.empty() && !result.compliant;
-      },
-      [&] { Compliance(c.desired, c.host); });
+  Case& c = UseKeys(static_cast<int>(state.range(0)), false);
+  VersusDrift(state, c, c.desired, [&] {
+    ImpactResult result = Impact(c.desired, "", TaskHandle::Dummy());
+    return result.errorInfo.msgId.empty() && !result.compliant;
+  });
 }
 
 void BM_CheckApplyApply(benchmark::State& state) {
   const int keys = static_cast<int>(state.range(0));
-  UseKeys(keys, false);
-  Case& c = g_cases.at(keys);
-  QenBench::Paired(
-      state,
-      [&] {
-        std::shared_ptr<CheckApplyResult> check = CheckApply(c.desired, "", TaskHandle::Dummy());
-        if (!check) return false;
-        ApplyResult result = Apply(check, TaskHandle::Dummy());
-        return result.errorInfo.msgId.empty() && result.tasks.size() == 1 &&
-               result.tasks[0].state == APPLY_TASK_DONE && result.tasks[0].inputs == static_cast<size_t>(keys / 100);
-      },
-      [&] { Compliance(c.desired, c.host); });
+  Case& c = UseKeys(keys, false);
+  VersusDrift(state, c, c.desired, [&] {
+    std::shared_ptr<CheckApplyResult> check = CheckApply(c.desired, "", TaskHandle::Dummy());
+    if (!check) return false;
+    ApplyResult result = Apply(check, TaskHandle::Dummy());
+    return result.errorInfo.msgId.empty() && result.tasks.size() == 1 && result.tasks[0].state == APPLY_TASK_DONE &&
+           result.tasks[0].inputs == static_cast<size_t>(keys / 100);
+  });
 }
 
 void BM_TelemetryExport(benchmark::State& state) {
-  const int keys = static_cast<int>(state.range(0));
-  UseKeys(keys, false);
-  Case& c = g_cases.at(keys);
-  QenBench::Paired(
-      state, [&] { return ExportDocumentTelemetry().size() > c.hostText.size() / 2; },
-      [&] { Compliance(c.same, c.host); });
+  Case& c = UseKeys(static_cast<int>(state.range(0)), false);
+  VersusDrift(state, c, c.same, [&] { return ExportDocumentTelemetry().size() > c.hostText.size() / 2; });
 }
 
 void BM_BootApply(benchmark::State& state) {
   const int keys = static_cast<int>(state.range(0));
-  UseKeys(keys, true);
-  Case& c = g_cases.at(keys);
+  Case& c = UseKeys(keys, true);
   // The plugin writes a line per input: the drifted keys must have reached it.
   const std::string lines = g_root + "/tmp/bench-lines.conf";
   auto applied = [&] {
     std::ifstream in(lines);
     return std::count(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>(), '\n');
   };
-  QenBench::Paired(
-      state,
-      [&] {
-        boost::filesystem::remove(lines);
-        return ExecuteBootPlugins() == 0 && applied() == keys / 100;
-      },
-      [&] { Compliance(c.desired, c.host); });
+  VersusDrift(state, c, c.desired, [&] {
+    boost::filesystem::remove(lines);
+    return ExecuteBootPlugins() == 0 && applied() == keys / 100;
+  });
 }
 
 // Key 50 is the first that the drift changes: comp0/grp0/key5.
 void BM_SetOneKey(benchmark::State& state) {
-  const int keys = static_cast<int>(state.range(0));
-  UseKeys(keys, false);
-  Case& c = g_cases.at(keys);
+  Case& c = UseKeys(static_cast<int>(state.range(0)), false);
   const std::string valueText = QenPlatform::CompactJson(c.desired["comp0"]["grp0"]["key5"]);
-  QenBench::Paired(
-      state,
-      [&] {
-        rapidjson::Document value, desired, current, relevant;
-        std::vector<ValidationErrorInfo> errors;
-        if (!ValidateInputSet("comp0", "grp0", "key5", valueText, value, errors)) return false;
-        GenerateSetDocuments("comp0", "grp0", "key5", value, desired, current, relevant);
-        ImpactResult impact = CheckImpact(desired, current, TaskHandle::Dummy());
-        if (!impact.errorInfo.msgId.empty() || impact.impact != NO_IMPACT) return false;
-        return SetConfig(desired, current, value, impact, "comp0", "grp0", "key5", TaskHandle::Dummy())
-            .msgId.empty();
-      },
-      [&] { Compliance(c.desired, c.host); });
+  VersusDrift(state, c, c.desired, [&] {
+    rapidjson::Document value, desired, current, relevant;
+    std::vector<ValidationErrorInfo> errors;
+    if (!ValidateInputSet("comp0", "grp0", "key5", valueText, value, errors)) return false;
+    GenerateSetDocuments("comp0", "grp0", "key5", value, desired, current, relevant);
+    ImpactResult impact = CheckImpact(desired, current, TaskHandle::Dummy());
+    if (!impact.errorInfo.msgId.empty() || impact.impact != NO_IMPACT) return false;
+    return SetConfig(desired, current, value, impact, "comp0", "grp0", "key5", TaskHandle::Dummy()).msgId.empty();
+  });
 }
 
 BENCHMARK(BM_Impact)->Arg(1000)->ArgName("keys")->Unit(benchmark::kMicrosecond)->Iterations(200);
