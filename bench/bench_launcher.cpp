@@ -267,10 +267,7 @@ void PrintCalls(const QenBench::PairedReporter& reporter) {
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   SetUpHost();
-  QenBench::PairedReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  QenBench::PrintRatios(reporter, kGoals);
-  PrintCalls(reporter);
+  QenBench::RunPaired(kGoals, PrintCalls);
   g_cpp.reset();
   g_python.reset();
   boost::system::error_code ec;

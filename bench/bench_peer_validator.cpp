@@ -108,8 +108,6 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "the validators disagree on valid/invalid: no comparison\n");
     return 1;
   }
-  QenBench::PairedReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  QenBench::PrintRatios(reporter, kGoals);
+  QenBench::RunPaired(kGoals);
   return 0;
 }

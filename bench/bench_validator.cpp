@@ -61,8 +61,6 @@ const std::vector<QenBench::Goal> kGoals = {{"BM_ValidateVsParse", "validate/par
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   Data();
-  QenBench::PairedReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  QenBench::PrintRatios(reporter, kGoals);
+  QenBench::RunPaired(kGoals);
   return 0;
 }

@@ -98,4 +98,11 @@ void PrintRatios(const PairedReporter& reporter, const std::vector<Goal>& goals)
   }
 }
 
+void RunPaired(const std::vector<Goal>& goals, void (*more)(const PairedReporter&)) {
+  PairedReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  PrintRatios(reporter, goals);
+  if (more) more(reporter);
+}
+
 }  // namespace QenBench

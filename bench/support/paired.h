@@ -80,6 +80,10 @@ struct Goal {
 // median and the range of its ratios, the goal judged on the median.
 void PrintRatios(const PairedReporter& reporter, const std::vector<Goal>& goals);
 
+// Runs the benchmarks the command line selects, prints the ratios of `goals`
+// and then hands the runs to `more` (further tables), if given.
+void RunPaired(const std::vector<Goal>& goals, void (*more)(const PairedReporter&) = nullptr);
+
 // Median of `values` (the mean of the middle two for an even count); 0 when empty.
 double Median(std::vector<double> values);
 
