@@ -7,6 +7,9 @@ PACKAGES=(
   build-essential cmake pkg-config python3
   rapidjson-dev libboost-graph-dev libboost-filesystem-dev libboost-system-dev
   libsqlite3-dev sqlite3 googletest libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libssl-dev
+  # cpack -G DEB: dpkg-shlibdeps for the package's dependencies, file to
+  # tell it which files are ELF objects
+  dpkg-dev file
 )
 
 # Only the peer validator comparison (bench/bench_peer_validator.cpp) uses
