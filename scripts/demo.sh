@@ -1,17 +1,25 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, lays out a sample host root under the
-# build tree and runs the main job on it, printing what it did: the host's
-# status, its current configuration as the extract plugins read it, the
-# validation of a good and a bad desired document, and the drift between a
-# desired document and the host; then export and telemetry, single-key get,
-# set and delete, the impact, plan and apply of a document (and the staging
-# of one that needs a reboot), and boot-time configuration: a staged document
-# applied by a simulated reboot, and an early bootstrap in two stages.
+# The guided demo: installs what is needed, builds quietly, lays out a sample
+# host root under the build tree and walks through what the configuration
+# manager does on it, one narrated line per step. The build's output is kept
+# in a log and shown only when the build fails.
 set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-"$ROOT/scripts/deps.sh"
 export BUILD_DIR="${BUILD_DIR:-$ROOT/build}"
-"$ROOT/scripts/build.sh"
+mkdir -p "$BUILD_DIR"
+
+quietly() {  # runs "$@" into a log; shows the log and stops when it fails
+  local what="$1" log="$2"
+  shift 2
+  if ! "$@" >"$log" 2>&1; then
+    cat "$log"
+    echo "demo: $what failed (log: $log)" >&2
+    exit 1
+  fi
+}
+echo "Installing the build dependencies and building (log: $BUILD_DIR/demo-build.log) ..."
+quietly "installing the dependencies" "$BUILD_DIR/demo-deps.log" "$ROOT/scripts/deps.sh"
+quietly "the build" "$BUILD_DIR/demo-build.log" "$ROOT/scripts/build.sh"
 
 HOST="$BUILD_DIR/demo-host"
 rm -rf "$HOST"
@@ -21,70 +29,82 @@ cp -a "$BUILD_DIR/host-staging/." "$HOST/"
 QEN="$BUILD_DIR/tools/qenconfig"
 DOCS="$ROOT/host/documents"
 q() {
-  echo
   echo "\$ qenconfig $*"
   local rc=0
   "$QEN" --root "$HOST" "$@" || rc=$?
   echo "(exit $rc)"
 }
+step() {  # one line saying what the next command shows and why
+  echo
+  echo "# $*"
+}
+show() {  # a host file, indented so that it stands apart from the narration
+  echo "--- $1:"
+  sed 's/^/    /' "$HOST$1"
+}
+section() {
+  echo
+  echo "=== $* ==="
+}
 
-echo "sample host root: $HOST"
+echo "The sample host's files live below $HOST; nothing outside it is touched."
+
+section "The main flow: read the host, validate documents, find drift"
+step "Host status: is the host in maintenance mode, can it quick-boot, what is its BIOS UUID."
 q host status
+step "Seed the configuration store with the sample host's current and desired values."
 q store load "$DOCS/store-sample.json"
+step "The apply plugins installed on the host; the last line is the order in which apply runs their services and groups."
 q plugins list --type apply
+step "The host's current configuration: the store's values merged with what the extract plugins read from its files."
 q extract current
+step "Validate a good desired document: every key matches its schema and its validation plugin."
 q validate "$DOCS/desired-good.json"
+step "Validate a bad one: each error names the path of the value and why it is refused (exit 1)."
 q validate "$DOCS/desired-bad.json"
+step "Compliance: every difference between a desired document and the host, down to single properties (exit 3: drift found)."
 q compliance "$DOCS/desired-compliance.json" --property-level
 
-# Export and telemetry: the host's exported user configuration (reference
-# host metadata, host-specific values split out, the time zone left out while
-# it equals its default), its telemetry form (allow-listed keys only, the SNMP
-# community redacted, the telemetry-disabled users masked), the SmartNIC's
-# configuration, and the configuration manager's telemetry items.
+section "Export and telemetry"
+step "The user configuration as an exported document: host-specific values split out, a time zone equal to its default left out."
 q export
+step "Its telemetry form: allow-listed keys only, the SNMP community redacted, users whose telemetry is disabled masked."
 q export --telemetry
+step "The SmartNIC's configuration, kept apart from the host's."
 q smartnic get
+step "The configuration manager's own telemetry items (store size, row counts, ...), one left out by name."
 q telemetry --exclude configManagerQenConfig
+step "Two chosen items as JSON, starting at index 5, with the index to ask for next."
 q telemetry --include configManagerQenBiosUuid,configManagerRowCount --index 5 --json
 
-# Single keys: read one key, set one whose change has no impact (the resolver
-# plugin rewrites /etc/resolv.conf at once, and a compliance check against the
-# host with the new value goes from one drift to none), set one that needs a
-# reboot (staged, boot mode 4), and delete one.
+section "Single keys: get, set and delete"
 RESOLVER='{"servers": ["192.0.2.53", "192.0.2.54"], "search": ["lab.example"]}'
 "$QEN" --root "$HOST" extract current | python3 -c '
 import json, sys
 doc = json.load(sys.stdin)
 doc["network"]["dns"]["resolver"] = json.loads(sys.argv[1])
 print(json.dumps(doc, indent=3))' "$RESOLVER" > "$BUILD_DIR/demo-resolver.json"
-echo
-echo "# get: one key's default and current value"
+step "One key's default and current value."
 q get network dns resolver
-echo "# the host with the new resolver value drifts in that key only"
+step "A document that is the host with a new resolver value drifts in that one key (exit 3)."
 q compliance "$BUILD_DIR/demo-resolver.json"
-echo "# set with no impact: applied at once, /etc/resolv.conf before and after"
-cat "$HOST/etc/resolv.conf"
+step "Setting the resolver has no impact, so it is applied at once; /etc/resolv.conf before and after:"
+show /etc/resolv.conf
 q set network dns resolver "$RESOLVER"
-cat "$HOST/etc/resolv.conf"
-echo "# compliance again: the host now has the new value"
+show /etc/resolv.conf
+step "The same compliance check is clean now: the host has the new value (exit 0)."
 q compliance "$BUILD_DIR/demo-resolver.json"
-echo "# set that needs a reboot: confirmed with --yes, staged for the next boot"
+step "A kernel option needs a reboot: --yes confirms it, and the change is staged for the next boot."
 q set system boot kernel '{"iommu": true, "consoleLogLevel": 4}' --yes
-echo "# the store's boot mode is now 4 (single-key changes wait for the reboot)"
+step "The store's boot mode is now 4: single-key changes wait for the reboot."
 q store stats
-echo "# delete: the resolver's configuration is removed from the host"
+step "Delete the resolver's configuration: the resolver plugin empties /etc/resolv.conf."
 q delete network dns resolver
-cat "$HOST/etc/resolv.conf"
+show /etc/resolv.conf
 
-# Impact, plan and apply: the full cycle on the sample host. The document
-# changes the resolver, adds an interface and sets a time server, none of
-# which needs maintenance mode or a reboot, so apply runs the apply plugins
-# in their dependency order and they rewrite the host's files below the host
-# root. Then a document whose kernel option only takes effect through a
-# reboot: apply stores it for the next boot and runs no plugin (exit 4).
-# It runs on a sample host of its own, so that blocks before and after it
-# find the host as they expect.
+# The cycle runs on a sample host of its own, so that the blocks before and
+# after it find the host as they expect.
+section "Impact, plan and apply: the full cycle on a fresh sample host"
 MAIN_HOST="$HOST"
 HOST="$BUILD_DIR/demo-apply-host"
 rm -rf "$HOST"
@@ -92,49 +112,49 @@ mkdir -p "$HOST"
 cp -a "$ROOT/host/root/." "$BUILD_DIR/host-staging/." "$HOST/"
 "$QEN" --root "$HOST" store load "$DOCS/store-sample.json" >/dev/null
 PLAN="$BUILD_DIR/demo.plan"
-echo
-echo "# the host drifts from the document to apply:"
+step "The document to apply changes the resolver, adds an interface and sets a time server; the host drifts from it (exit 3)."
 q compliance "$DOCS/desired-apply.json"
-echo "# what applying it would cost the host:"
+step "What applying it costs: none of these changes needs maintenance mode or a reboot."
 q impact "$DOCS/desired-apply.json"
-echo "# the check-apply result kept in an owner-only plan file:"
+step "The plan: the check-apply result, kept in an owner-only file that apply checks again."
 q plan "$DOCS/desired-apply.json" -o "$PLAN"
-echo "# $HOST/etc/resolv.conf before the apply:"
-cat "$HOST/etc/resolv.conf"
-echo "# applying the plan (one line per plugin notification, then the report):"
+step "/etc/resolv.conf before the apply (below this host's root):"
+show /etc/resolv.conf
+step "Apply the plan: the plugins run in dependency order, one line per notification, then the report."
 q apply "$PLAN"
-echo "# $HOST/etc/resolv.conf after the apply:"
-cat "$HOST/etc/resolv.conf"
-echo "# the host now complies (exit 0):"
+step "/etc/resolv.conf after the apply:"
+show /etc/resolv.conf
+step "The host now complies with the document (exit 0)."
 q compliance "$DOCS/desired-apply.json"
-echo "# a kernel option that needs a reboot: planned, then staged by apply:"
+step "A kernel option that only takes effect through a reboot: plan it ..."
 q plan "$DOCS/desired-reboot.json" -o "$PLAN"
+step "... and apply stores it for the next boot and runs no plugin (exit 4)."
 q apply "$PLAN"
 HOST="$MAIN_HOST"
 
-# Boot-time configuration: a document that needs a reboot is staged, a
-# simulated reboot applies it, and an early bootstrap document brings up
-# authentication and networking in two stages.
+section "Boot-time configuration"
 files() {  # the auto-deployment files, or that they are gone
   local f
   for f in /etc/corvane/autodeploy/waiterNotify.json /etc/corvane/firewall/autodeploy.xml; do
     if [ -e "$HOST$f" ]; then echo "$f: $(wc -c <"$HOST$f") bytes"; else echo "$f: absent"; fi
   done
 }
-echo
-echo "# A kernel option that needs a reboot: staged, the auto-deployment files move into the store."
+step "A boot document whose kernel option needs a reboot is staged; the auto-deployment files move into the store."
 q boot document "$DOCS/boot-reboot.json"
 files
+step "The boot record: boot mode 1, a staged document waits for the next boot."
 q boot record
+step "The store holds the staged document (desiredRows) and the auto-deployment files (vitalConfigSize)."
 q store stats
-echo
-echo "# Simulated reboot: the store makes the staged document current, the boot-time apply writes the files back and applies it."
+step "Simulated reboot, first half: the store makes the staged document current."
 q store boot
+step "Second half: the boot-time apply writes the files back and runs the boot-capable plugins (-v 0 shows that ntp, not boot-capable, is skipped)."
 q -v 0 boot apply
 files
 echo "/etc/kernel/cmdline: $(cat "$HOST/etc/kernel/cmdline")"
+step "The boot record now holds the outcome of that boot: boot mode 0, all applied."
 q boot record
-echo
-echo "# Early bootstrap: the root password first, then the virtual switch and the management network."
+step "Early bootstrap in two stages: the root password first, then the virtual switch and the management network."
 q boot early "$DOCS/bootstrap-early.json"
-cat "$HOST/etc/corvane/network/vss/vss0.conf" "$HOST/etc/corvane/network/management.conf"
+show /etc/corvane/network/vss/vss0.conf
+show /etc/corvane/network/management.conf

@@ -143,7 +143,7 @@ TEST_F(HostApiCliTest, TimeoutAbortsTheRemediation) {
   // The resolver's apply hangs; everything else it does still works.
   const std::string plugin = "/usr/lib/corvane/configmanager/apply_modules/resolver/plugin.py";
   WriteFile(plugin, ReadFile(plugin) +
-                        "\nimport time\n"
+                        "\nimport os\nimport time\n"
                         "def apply(call):\n"
                         "    with open(qenplugin.HostPath('/tmp/slow.pid'), 'w') as f:\n"
                         "        f.write(str(os.getpid()))\n"

@@ -5,8 +5,6 @@ Instance value: {"name": "backup", "server": "nas.example.com",
 kept as they are.
 """
 
-import os
-
 import qenplugin
 
 FSTAB = "/etc/fstab"
@@ -45,11 +43,7 @@ def _line(mount):
 
 
 def _write_lines(lines):
-    path = qenplugin.HostPath(FSTAB)
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path + ".new", "w") as stream:
-        stream.write("".join(line + "\n" for line in lines))
-    os.replace(path + ".new", path)
+    qenplugin.WriteHostFile(FSTAB, "".join(line + "\n" for line in lines))
 
 
 def extract(call):

@@ -5,7 +5,6 @@ no extract plugin: what was applied is recorded in the store as the
 instance's current value.
 """
 
-import os
 import re
 
 import qenplugin
@@ -15,9 +14,10 @@ NAME = re.compile(r"^[A-Za-z0-9_.:-]{1,15}$")  # what the kernel accepts as an i
 
 
 def _path(name):
+    """The interface file's logical path."""
     if not NAME.match(name) or name in (".", ".."):
         raise qenplugin.PluginError("corvane.qen.settings.nic.invalid-name", [name])
-    return qenplugin.HostPath("%s/%s" % (DIRECTORY, name))
+    return "%s/%s" % (DIRECTORY, name)
 
 
 def apply(call):
@@ -27,18 +27,12 @@ def apply(call):
         name = value.get("name") or object_id.instance
         path = _path(name)
         if item.operation == "DELETE":
-            try:
-                os.remove(path)
-            except FileNotFoundError:
-                pass
+            qenplugin.RemoveHostFile(path)
             call.store.DeleteObject(object_id)
             continue
         text = "# Written by the configuration manager; edits are replaced.\n"
         if value.get("enabled", True):
             text += "auto %s\n" % name
         text += "iface %s inet manual\n    mtu %d\n" % (name, value.get("mtu", 1500))
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path + ".new", "w") as stream:
-            stream.write(text)
-        os.replace(path + ".new", path)
+        qenplugin.WriteHostFile(path, text)
         call.store.SetObject(object_id, value)

@@ -3,8 +3,6 @@
 Value: {"servers": ["192.0.2.1", ...], "search": ["example.com", ...]}.
 """
 
-import os
-
 import qenplugin
 
 RESOLV_CONF = "/etc/resolv.conf"
@@ -37,13 +35,7 @@ def _write(value):
     text += "".join("nameserver %s\n" % s for s in value.get("servers", []))
     if value.get("search"):
         text += "search %s\n" % " ".join(value["search"])
-    path = qenplugin.HostPath(RESOLV_CONF)
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    temporary = path + ".new"
-    with open(temporary, "w") as stream:
-        stream.write(text)
-    os.chmod(temporary, 0o644)
-    os.replace(temporary, path)  # readers never see half a file
+    qenplugin.WriteHostFile(RESOLV_CONF, text)  # readers never see half a file
 
 
 def extract(call):

@@ -3,7 +3,7 @@
 A plugin is the module ``plugin.py`` beside its manifest. The runner imports it
 and calls ``apply(call)``, ``impact(call)``, ``extract(call)`` or
 ``validate(call)`` with a :class:`Call` that carries the request (getters),
-the result to fill and access to the host. See runners/README.md.
+the result to fill and access to the host. See docs/plugins.md.
 
 One module rather than several: a runner starts for every call, and each
 module imported costs it about half a percent of an interpreter start that
