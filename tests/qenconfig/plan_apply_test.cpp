@@ -71,11 +71,14 @@ TEST_F(PlanApplyTest, ImpactAsTextAndJson) {
   ASSERT_FALSE(parsed.HasParseError()) << json.out;
   EXPECT_EQ(QenPlatform::CompactJson(parsed),
             R"({"compliant":false,"impact":"REBOOT_REQUIRED","quickBootStatus":"QUICKBOOT_SUPPORTED","messages":[)"
-            R"({"id":"corvane.settings.impact.info.add","args":["nic","interfaces","network"]},)"
-            R"({"id":"corvane.settings.impact.info.set","args":["kernel","boot","system"]},)"
-            R"({"id":"corvane.settings.impact.info.set","args":["ntp","time","system"]},)"
-            R"({"id":"corvane.settings.impact.info.set","args":["resolver","dns","network"]},)"
-            R"({"id":"corvane.settings.impact.info.reboot","args":[]}]})");
+            R"({"id":"corvane.settings.impact.info.add","args":["nic","interfaces","network"],)"
+            R"("text":"add     network/interfaces/nic"},)"
+            R"({"id":"corvane.settings.impact.info.set","args":["kernel","boot","system"],)"
+            R"("text":"set     system/boot/kernel"},)"
+            R"({"id":"corvane.settings.impact.info.set","args":["ntp","time","system"],"text":"set     system/time/ntp"},)"
+            R"({"id":"corvane.settings.impact.info.set","args":["resolver","dns","network"],)"
+            R"("text":"set     network/dns/resolver"},)"
+            R"({"id":"corvane.settings.impact.info.reboot","args":[],"text":"reboot required"}]})");
 
   const std::string current = UserFile("current.json", Run({"extract", "current"}).out);
   EXPECT_EQ(Run({"impact", current}).out, "Compliant: applying the document changes nothing.\n");
@@ -210,6 +213,31 @@ TEST_F(PlanApplyTest, AFailingPluginIsNamedAndTheRestDoNotRun) {
             std::string::npos)
       << apply.err;
   EXPECT_EQ(ReadFile("/etc/ntp.conf").find("10.0.0.123"), std::string::npos);
+}
+
+// How a plugin ended is told after the error: its exit status or signal, and
+// the log that has the rest.
+TEST_F(PlanApplyTest, AFailedPluginsExitOrSignalIsShownWithItsLog) {
+  ASSERT_EQ(Plan(kApplyDoc).exit, 0);
+  const std::string original = ReadFile(kResolverPlugin);
+  const std::string log = Path("/var/log/corvane/configmanager.log");
+  const struct {
+    const char* body;
+    std::string how;
+  } cases[] = {
+      {"    import os\n    os._exit(3)\n", "exited with status 3"},
+      {"    import os, signal\n    os.kill(os.getpid(), signal.SIGKILL)\n", "was killed by signal 9 (SIGKILL)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.how);
+    WriteFile(kResolverPlugin, original);
+    ResolverApplies(c.body);
+    Outcome apply = Run({"apply", plan_});
+    EXPECT_EQ(apply.exit, 5);
+    EXPECT_NE(apply.err.find("\n  plugin resolver " + c.how + "; its log lines are in " + log + "\n"),
+              std::string::npos)
+        << apply.err;
+  }
 }
 
 // --timeout stops the running plugin through the task handle: its runner
