@@ -126,6 +126,31 @@ TEST_F(PlanApplyTest, PlanThenApplyChangesTheHostFilesAndComplies) {
   EXPECT_EQ(again.out, "Nothing left to apply: the host matches the plan's document.\n");
 }
 
+// --quiet leaves errors only on stderr; --json makes the plan and the apply
+// report one document each.
+TEST_F(PlanApplyTest, QuietJsonPlanAndApply) {
+  Outcome plan = Run({"plan", kApplyDoc, "-o", plan_, "--output", "json"});
+  EXPECT_EQ(plan.exit, 0) << plan.err;
+  EXPECT_EQ(plan.out, "{\n   \"compliant\": false,\n   \"file\": \"" + plan_ +
+                          "\",\n   \"impact\": \"NO_IMPACT\",\n   \"quickBootStatus\": \"QUICKBOOT_SUPPORTED\",\n"
+                          "   \"drift\": [\n      {\n         \"operation\": \"ADD\",\n"
+                          "         \"object\": \"network/interfaces/nic/nic2\"\n      },\n"
+                          "      {\n         \"operation\": \"SET\",\n         \"object\": \"network/dns/resolver\"\n      },\n"
+                          "      {\n         \"operation\": \"SET\",\n         \"object\": \"system/time/ntp\"\n      }\n"
+                          "   ]\n}\n");
+
+  Outcome apply = Run({"--quiet", "apply", plan_, "--json"});
+  EXPECT_EQ(apply.exit, 0);
+  EXPECT_EQ(apply.err, "");
+  rapidjson::Document report;
+  ASSERT_TRUE(QenPlatform::ParseJson(apply.out, report)) << apply.out;
+  EXPECT_EQ(QenPlatform::CompactJson(report),
+            R"({"outcome":"applied","error":null,"tasks":[)"
+            R"({"key":"ADD:network:interfaces:nic","plugin":"network:interfaces:nic","state":"done","inputs":1,"error":null},)"
+            R"({"key":"REMEDIATE:resolver","plugin":"resolver","state":"done","inputs":1,"error":null},)"
+            R"({"key":"REMEDIATE:ntp","plugin":"ntp","state":"done","inputs":1,"error":null}]})");
+}
+
 TEST_F(PlanApplyTest, RebootImpactIsStagedWithoutRunningAPlugin) {
   ASSERT_EQ(Plan(kRebootDoc).exit, 0);
   Outcome apply = Run({"apply", plan_});

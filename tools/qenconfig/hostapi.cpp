@@ -254,9 +254,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
 
   auto* set = app.add_subcommand(
       "set",
-      "Set one key: validate, show the impact, then apply at once or stage for the next boot\n"
-      "(exit 1 when the value is invalid or the change failed or was declined, 2 when a\n"
-      "confirmation is needed and --yes is missing)");
+      "Set one key: validate, show the impact, then apply at once or stage for the next boot");
   static ChangeArgs setArgs;
   AddKeyOptions(set, setArgs);
   set->add_option("VALUE", setArgs.value, "The key's value as JSON text, or @FILE")->required();

@@ -31,7 +31,8 @@ bool g_quiet = false;
 constexpr const char* kExitCodes =
     "Output: text by default; --output json (or --json) prints one JSON document on stdout\n"
     "whose fields each command's --help lists. Errors go to stderr as one line, \"error <code>:\n"
-    "<message>\" or \"error: <message>\"; progress is drawn on stderr only when it is a terminal.\n"
+    "<message>\" or \"error: <message>\", and for a failed plugin a second one with its exit\n"
+    "status or signal and its log file. Progress is drawn on stderr only when it is a terminal.\n"
     "\n"
     "Exit codes:\n"
     "  0    ok (compliant, valid, applied)\n"
