@@ -176,6 +176,12 @@ TEST_F(ConventionsTest, ErrorsNameTheUsersPathsAndHowAPluginEnded) {
   EXPECT_EQ(dump.err, "error 2001: Configuration store \"" + Path("/var/lib/corvane/configstore/configstore.db") +
                           "\" does not exist\n");
 
+  // The user's own absolute paths stay as given, whatever they look like.
+  Outcome missing = Run({"compliance", "/var/no-such-document.json"});
+  EXPECT_EQ(missing.err, "error: cannot read file \"/var/no-such-document.json\": No such file or directory\n");
+  Outcome load = Run({"store", "load", "/etc/no-such-store.json"});
+  EXPECT_EQ(load.err, "error: cannot read file \"/etc/no-such-store.json\": No such file or directory\n");
+
   Load();
   const std::string plugin = "/usr/lib/corvane/configmanager/apply_modules/resolver/plugin.py";
   WriteFile(plugin, ReadFile(plugin) + "\n\ndef extract(call):\n    import os\n    os._exit(3)\n");

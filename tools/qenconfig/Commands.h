@@ -18,6 +18,7 @@
 #include <functional>
 #include <string>
 
+#include "ConfigStoreException.h"
 #include "QenJson.h"
 
 namespace qenconfig {
@@ -33,8 +34,16 @@ class Registrar {
 };
 
 // Runs a command body, turning exceptions into one line on stderr
-// ("error <code>: <message>" or "error: <message>") and exit code 1.
+// ("error <code>: <message>" or "error: <message>") and exit code 1. The
+// library's coded errors name host paths as they are below --root.
 int Run(const std::function<int()>& body);
+
+// A coded error raised by qenconfig itself about the user's own files: Run
+// prints its message as it is (UserPaths is for the library's messages).
+class UserError : public QenConfigStore::ConfigStoreException {
+ public:
+  using QenConfigStore::ConfigStoreException::ConfigStoreException;
+};
 
 // Records the exit code of the command that ran.
 void Exit(int code);

@@ -60,10 +60,11 @@ int RunBootStep(const std::function<int()>& step, const std::string& done, const
   CSLogger::Capture capture;
   const int rc = step();
   qenconfig::ExitIfInterrupted();
-  for (std::string line : rc != 0 ? capture.Texts(0) : std::vector<std::string>()) {
-    for (size_t at; copy && (at = line.find(copy->Logical())) != std::string::npos;)
-      line.replace(at, copy->Logical().size(), userFile);
-    std::cerr << "error: " << qenconfig::UserPaths(line) << "\n";
+  for (const std::string& logged : rc != 0 ? capture.Texts(0) : std::vector<std::string>()) {
+    std::string line = qenconfig::UserPaths(logged);
+    for (size_t at; copy && (at = line.find(copy->Physical())) != std::string::npos;)
+      line.replace(at, copy->Physical().size(), userFile);
+    std::cerr << "error: " << line << "\n";
   }
   if (rc == 0)
     qenconfig::PrintDone(done);

@@ -196,8 +196,10 @@ int Run(const std::function<int()>& body) {
   try {
     status = body();
   } catch (const Interrupted&) {
-  } catch (const QenConfigStore::ConfigStoreException& e) {
+  } catch (const UserError& e) {
     failure = "error " + std::to_string(e.GetErrorCode()) + ": " + e.what();
+  } catch (const QenConfigStore::ConfigStoreException& e) {
+    failure = "error " + std::to_string(e.GetErrorCode()) + ": " + UserPaths(e.what());
     static const std::string kExtract = "Extract plugin failed: ";
     const std::string what = e.what();
     if (e.GetErrorCode() == QenConfigManager::EXTRACT_FAILED && what.compare(0, kExtract.size(), kExtract) == 0)
@@ -210,7 +212,7 @@ int Run(const std::function<int()>& body) {
     std::cerr << "error: stopped by SIG" << sigabbrev_np(sig) << "\n";
     return 128 + sig;
   }
-  if (!failure.empty()) std::cerr << UserPaths(failure) << "\n";
+  if (!failure.empty()) std::cerr << failure << "\n";
   if (!detail.empty()) std::cerr << "  " << detail << "\n";
   return status;
 }

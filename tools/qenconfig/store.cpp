@@ -23,7 +23,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
       rapidjson::Document doc;
       const QenPlatform::JsonParseResult parsed = QenPlatform::ParseJson(text, doc);
       if (!parsed)
-        throw QenConfigStore::ConfigStoreException(
+        throw qenconfig::UserError(
             QenConfigStore::STORE_BAD_VALUE,
             ("Store description \"" + file + "\" is not valid JSON: " + parsed.reason).c_str());
       QenConfigStore::LoadStoreDescription(doc);
