@@ -26,6 +26,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "QenJson.h"
 
@@ -87,4 +88,9 @@ class JsonValidator {
   // "corvane.qen.settings.schema.<event>" for a code; an unknown code gives
   // "corvane.qen.settings.schema.unknown-error".
   static std::string ConvertErrorCodeToMsgId(int code);
+
+  // The readable text of a message identifier of ConvertErrorCodeToMsgId
+  // with its arguments ("expected string, found integer"); "" for any other
+  // identifier. Validation results carry identifiers only.
+  static std::string MessageText(const std::string& msgId, const std::vector<std::string>& args);
 };

@@ -40,7 +40,9 @@ class QenConfigTest : public HostRootTest {
   Running Start(std::vector<std::string> args, const std::string& name = "run",
                 const std::string& input = "/dev/null") {
     Running running{-1, "/." + name + ".stdout", "/." + name + ".stderr"};
-    args.insert(args.begin(), {QEN_BINARY_DIR "/tools/qenconfig", "--root", Root()});
+    if (passRoot_) args.insert(args.begin(), {"--root", Root()});
+    args.insert(args.begin(), QEN_BINARY_DIR "/tools/qenconfig");
+    args.insert(args.begin(), runAs_.begin(), runAs_.end());
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(&a[0]);
     argv.push_back(nullptr);
@@ -79,6 +81,11 @@ class QenConfigTest : public HostRootTest {
     WriteFile("/" + name, text);
     return Path("/" + name);
   }
+
+  // Whether Start passes --root <this root> (tests of --root itself do not).
+  bool passRoot_ = true;
+  // A command (and its arguments) that runs qenconfig, e.g. as another user.
+  std::vector<std::string> runAs_;
 
   static constexpr const char* kDocs = QEN_SOURCE_DIR "/host/documents/";
 };

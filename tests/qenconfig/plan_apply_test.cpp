@@ -71,11 +71,14 @@ TEST_F(PlanApplyTest, ImpactAsTextAndJson) {
   ASSERT_FALSE(parsed.HasParseError()) << json.out;
   EXPECT_EQ(QenPlatform::CompactJson(parsed),
             R"({"compliant":false,"impact":"REBOOT_REQUIRED","quickBootStatus":"QUICKBOOT_SUPPORTED","messages":[)"
-            R"({"id":"corvane.settings.impact.info.add","args":["nic","interfaces","network"]},)"
-            R"({"id":"corvane.settings.impact.info.set","args":["kernel","boot","system"]},)"
-            R"({"id":"corvane.settings.impact.info.set","args":["ntp","time","system"]},)"
-            R"({"id":"corvane.settings.impact.info.set","args":["resolver","dns","network"]},)"
-            R"({"id":"corvane.settings.impact.info.reboot","args":[]}]})");
+            R"({"id":"corvane.settings.impact.info.add","args":["nic","interfaces","network"],)"
+            R"("text":"add     network/interfaces/nic"},)"
+            R"({"id":"corvane.settings.impact.info.set","args":["kernel","boot","system"],)"
+            R"("text":"set     system/boot/kernel"},)"
+            R"({"id":"corvane.settings.impact.info.set","args":["ntp","time","system"],"text":"set     system/time/ntp"},)"
+            R"({"id":"corvane.settings.impact.info.set","args":["resolver","dns","network"],)"
+            R"("text":"set     network/dns/resolver"},)"
+            R"({"id":"corvane.settings.impact.info.reboot","args":[],"text":"reboot required"}]})");
 
   const std::string current = UserFile("current.json", Run({"extract", "current"}).out);
   EXPECT_EQ(Run({"impact", current}).out, "Compliant: applying the document changes nothing.\n");
@@ -121,6 +124,31 @@ TEST_F(PlanApplyTest, PlanThenApplyChangesTheHostFilesAndComplies) {
   Outcome again = Run({"apply", plan_});
   EXPECT_EQ(again.exit, 0);
   EXPECT_EQ(again.out, "Nothing left to apply: the host matches the plan's document.\n");
+}
+
+// --quiet leaves errors only on stderr; --json makes the plan and the apply
+// report one document each.
+TEST_F(PlanApplyTest, QuietJsonPlanAndApply) {
+  Outcome plan = Run({"plan", kApplyDoc, "-o", plan_, "--output", "json"});
+  EXPECT_EQ(plan.exit, 0) << plan.err;
+  EXPECT_EQ(plan.out, "{\n   \"compliant\": false,\n   \"file\": \"" + plan_ +
+                          "\",\n   \"impact\": \"NO_IMPACT\",\n   \"quickBootStatus\": \"QUICKBOOT_SUPPORTED\",\n"
+                          "   \"drift\": [\n      {\n         \"operation\": \"ADD\",\n"
+                          "         \"object\": \"network/interfaces/nic/nic2\"\n      },\n"
+                          "      {\n         \"operation\": \"SET\",\n         \"object\": \"network/dns/resolver\"\n      },\n"
+                          "      {\n         \"operation\": \"SET\",\n         \"object\": \"system/time/ntp\"\n      }\n"
+                          "   ]\n}\n");
+
+  Outcome apply = Run({"--quiet", "apply", plan_, "--json"});
+  EXPECT_EQ(apply.exit, 0);
+  EXPECT_EQ(apply.err, "");
+  rapidjson::Document report;
+  ASSERT_TRUE(QenPlatform::ParseJson(apply.out, report)) << apply.out;
+  EXPECT_EQ(QenPlatform::CompactJson(report),
+            R"({"outcome":"applied","error":null,"tasks":[)"
+            R"({"key":"ADD:network:interfaces:nic","plugin":"network:interfaces:nic","state":"done","inputs":1,"error":null},)"
+            R"({"key":"REMEDIATE:resolver","plugin":"resolver","state":"done","inputs":1,"error":null},)"
+            R"({"key":"REMEDIATE:ntp","plugin":"ntp","state":"done","inputs":1,"error":null}]})");
 }
 
 TEST_F(PlanApplyTest, RebootImpactIsStagedWithoutRunningAPlugin) {
@@ -210,6 +238,31 @@ TEST_F(PlanApplyTest, AFailingPluginIsNamedAndTheRestDoNotRun) {
             std::string::npos)
       << apply.err;
   EXPECT_EQ(ReadFile("/etc/ntp.conf").find("10.0.0.123"), std::string::npos);
+}
+
+// How a plugin ended is told after the error: its exit status or signal, and
+// the log that has the rest.
+TEST_F(PlanApplyTest, AFailedPluginsExitOrSignalIsShownWithItsLog) {
+  ASSERT_EQ(Plan(kApplyDoc).exit, 0);
+  const std::string original = ReadFile(kResolverPlugin);
+  const std::string log = Path("/var/log/corvane/configmanager.log");
+  const struct {
+    const char* body;
+    std::string how;
+  } cases[] = {
+      {"    import os\n    os._exit(3)\n", "exited with status 3"},
+      {"    import os, signal\n    os.kill(os.getpid(), signal.SIGKILL)\n", "was killed by signal 9 (SIGKILL)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.how);
+    WriteFile(kResolverPlugin, original);
+    ResolverApplies(c.body);
+    Outcome apply = Run({"apply", plan_});
+    EXPECT_EQ(apply.exit, 5);
+    EXPECT_NE(apply.err.find("\n  plugin resolver " + c.how + "; its log lines are in " + log + "\n"),
+              std::string::npos)
+        << apply.err;
+  }
 }
 
 // --timeout stops the running plugin through the task handle: its runner

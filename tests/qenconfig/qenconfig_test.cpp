@@ -80,7 +80,7 @@ TEST_F(QenConfigTest, ExportPrintsOrWritesTheDocumentAndItsTelemetryForm) {
   const std::string file = Path("/exported.json");
   Outcome written = Run({"export", "-o", file});
   ASSERT_EQ(written.exit, 0) << written.err;
-  EXPECT_TRUE(written.out.empty());
+  EXPECT_EQ(written.out, "Exported to " + file + ".\n");
   const std::string text = ReadFile("/exported.json");
   rapidjson::Document fromFile, fromPrint;
   fromFile.Parse(text.c_str());

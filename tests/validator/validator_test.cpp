@@ -309,3 +309,14 @@ TEST(ConvertErrorCodeToMsgId, NamesEveryCodeAndFallsBackForUnknownOnes) {
   for (int code = 0; code < V::kCodeCount; ++code) ids.insert(V::ConvertErrorCodeToMsgId(code));
   EXPECT_EQ(ids.size(), static_cast<size_t>(V::kCodeCount));
 }
+
+TEST(MessageText, FillsTheCodesTextAndKnowsOnlyItsOwnIdentifiers) {
+  EXPECT_EQ(V::MessageText(V::ConvertErrorCodeToMsgId(V::TYPE_MISMATCH), {"string", "integer"}),
+            "expected string, found integer");
+  EXPECT_EQ(V::MessageText("corvane.qen.settings.schema.dependency-missing", {"a", "b"}),
+            "property \"a\" requires property \"b\"");
+  // Missing arguments leave their places empty rather than failing.
+  EXPECT_EQ(V::MessageText("corvane.qen.settings.schema.maximum", {"7"}), "value 7 is greater than the maximum ");
+  EXPECT_EQ(V::MessageText("corvane.qen.settings.schema.unknown-error", {}), "");
+  EXPECT_EQ(V::MessageText("corvane.qen.settings.resolver.invalid-server", {"x"}), "");
+}

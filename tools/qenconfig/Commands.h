@@ -1,11 +1,16 @@
-// Command registration for qenconfig. Each command group lives in its own
-// source file and registers itself at load time:
+// Command registration and the conventions every qenconfig command shares.
+// Each command group lives in its own source file and registers itself at
+// load time:
 //
 //   static qenconfig::Registrar reg([](CLI::App& app) {
 //     auto* cmd = app.add_subcommand("doc", "Configuration documents");
 //     ...
 //     sub->callback([] { qenconfig::Exit(qenconfig::Run([&] { ...; return 0; })); });
 //   });
+//
+// The global options (--root, --output/--json, --quiet, --verbose, -v) are
+// set while parsing, before any callback runs; the accessors below read them
+// from the command's thread.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -13,8 +18,14 @@
 #include <functional>
 #include <string>
 
+#include "ConfigStoreException.h"
+#include "QenJson.h"
+
 namespace qenconfig {
 
+// One table for the whole command line (apply adds 4 to 9, see apply.cpp).
+// kNotCompliant is every check's "no": not compliant, drift found, a document
+// or a manifest invalid. kFailure means the command could not give an answer.
 enum ExitCode : int { kOk = 0, kFailure = 1, kUsage = 2, kNotCompliant = 3 };
 
 class Registrar {
@@ -22,12 +33,32 @@ class Registrar {
   explicit Registrar(std::function<void(CLI::App&)> add);
 };
 
-// Runs a command body, turning exceptions into a message on stderr
-// ("error <code>: <message>") and exit code 1.
+// Runs a command body, turning exceptions into one line on stderr
+// ("error <code>: <message>" or "error: <message>") and exit code 1. The
+// library's coded errors name host paths as they are below --root.
 int Run(const std::function<int()>& body);
+
+// A coded error raised by qenconfig itself about the user's own files: Run
+// prints its message as it is (UserPaths is for the library's messages).
+class UserError : public QenConfigStore::ConfigStoreException {
+ public:
+  using QenConfigStore::ConfigStoreException::ConfigStoreException;
+};
 
 // Records the exit code of the command that ran.
 void Exit(int code);
+
+// --output json (or --json) was given.
+bool JsonOutput();
+// --quiet: stderr shows errors only (no progress, notifications or notes).
+bool Quiet();
+
+// Prints `value` in the pretty layout, one document on stdout.
+void PrintJson(const rapidjson::Value& value);
+
+// The outcome of a command that has no result but its success: the sentence
+// on stdout, or {"message": sentence} with --output json.
+void PrintDone(const std::string& sentence);
 
 // Reads a user-named file (a path on this machine, not a host path).
 std::string ReadUserFile(const std::string& path);
@@ -41,5 +72,14 @@ bool StderrIsTerminal();
 
 // The name of a QUICK_BOOT_STATUS value as it reads in code.
 const char* QuickBootName(int status);
+
+// A message as the user should read it: the host's fixed paths in it
+// ("/etc/...", "/var/...") named where they are below --root.
+std::string UserPaths(const std::string& message);
+
+// Why plugin `id` failed, from the log's last launcher line about it: "plugin
+// <id> exited with status N" or "... was killed by signal N (SIGX)", with
+// where the log is. "" when the log says nothing about it.
+std::string PluginFailureDetail(const std::string& id);
 
 }  // namespace qenconfig

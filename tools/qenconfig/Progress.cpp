@@ -9,6 +9,7 @@
 #include <string>
 
 #include "Commands.h"
+#include "JsonValidator.h"
 
 namespace qenconfig {
 namespace {
@@ -87,11 +88,12 @@ class TerminalTask : public InterruptibleTask {
 // Standard error of an apply: notification lines, and on a terminal a
 // progress bar kept below them. Used from the caller's thread only.
 struct ApplyScreen {
-  explicit ApplyScreen(bool terminal) : terminal(terminal) {}
+  ApplyScreen(bool terminal, bool quiet) : terminal(terminal && !quiet), quiet(quiet) {}
   ~ApplyScreen() {
     if (!bar.empty()) fprintf(stderr, "\r\033[K");
   }
   void Line(const std::string& line) {
+    if (quiet) return;
     if (terminal) fprintf(stderr, "\r\033[K%s\n%s", line.c_str(), bar.c_str());
     else fprintf(stderr, "%s\n", line.c_str());
     fflush(stderr);
@@ -107,7 +109,8 @@ struct ApplyScreen {
     fprintf(stderr, "\r\033[K%s", bar.c_str());
     fflush(stderr);
   }
-  const bool terminal;
+  const bool terminal;  // draws the bar
+  const bool quiet;     // --quiet: neither bar nor lines
   std::string bar;  // what is drawn on the last line, "" for nothing
 };
 
@@ -147,7 +150,8 @@ class ApplyTask : public QenConfigManager::TaskHandle {
 
 std::shared_ptr<QenConfigManager::TaskHandle> MakeApplyTask() {
   CatchInterrupts();
-  return std::make_shared<ApplyTask>("checking impact", std::make_shared<ApplyScreen>(StderrIsTerminal()));
+  return std::make_shared<ApplyTask>("checking impact",
+                                     std::make_shared<ApplyScreen>(StderrIsTerminal(), Quiet()));
 }
 
 std::string DescribeMessage(const std::string& id, const std::list<std::string>& args) {
@@ -171,9 +175,36 @@ std::string DescribeError(const QenConfigManager::ErrorInfo& error) {
   return DescribeMessage(error.msgId, error.args) + (error.message.empty() ? "" : " (" + error.message + ")");
 }
 
+std::string DescribeProblem(const QenConfigManager::ErrorInfo& error) {
+  const std::string text =
+      JsonValidator::MessageText(error.msgId, std::vector<std::string>(error.args.begin(), error.args.end()));
+  return text.empty() ? DescribeError(error) : text;
+}
+
+void PrintPluginFailure(const QenConfigManager::ErrorInfo& error) {
+  if (error.args.empty()) return;
+  const std::string detail = PluginFailureDetail(error.args.front());
+  if (!detail.empty()) fprintf(stderr, "  %s\n", detail.c_str());
+}
+
+std::string DescribeImpact(const QenConfigManager::ImpactInfo& info) {
+  static const std::string kPrefix = "corvane.settings.impact.info.";
+  if (info.msgId.compare(0, kPrefix.size(), kPrefix) != 0) return DescribeMessage(info.msgId, info.args);
+  const std::string what = info.msgId.substr(kPrefix.size());
+  if (info.args.size() == 3) {
+    auto arg = info.args.begin();
+    const std::string& key = *arg++;
+    const std::string& group = *arg++;
+    return what + std::string(what.size() < 8 ? 8 - what.size() : 1, ' ') + *arg + "/" + group + "/" + key;
+  }
+  if (what == "reboot") return "reboot required";
+  if (what == "maintenance-mode") return "maintenance mode required";
+  return DescribeMessage(info.msgId, info.args);
+}
+
 std::shared_ptr<QenConfigManager::TaskHandle> MakeProgressTask(const char* what) {
   CatchInterrupts();
-  if (!StderrIsTerminal()) return std::make_shared<InterruptibleTask>();
+  if (Quiet() || !StderrIsTerminal()) return std::make_shared<InterruptibleTask>();
   return std::make_shared<TerminalTask>(what);
 }
 

@@ -1,5 +1,6 @@
 // Task handles for the command line: progress and plugin notifications go
-// to stderr as one rewritten line, only when stderr is a terminal; SIGINT
+// to stderr as one rewritten line, only when stderr is a terminal and
+// --quiet is not given; SIGINT
 // and SIGTERM become an abort of the running operation.
 #pragma once
 
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "configmanager/common.h"
+#include "configmanager/impact.h"
 
 namespace qenconfig {
 
@@ -31,6 +33,17 @@ std::shared_ptr<QenConfigManager::TaskHandle> MakeApplyTask();
 std::string DescribeMessage(const std::string& id, const std::list<std::string>& args);
 // The same for an error, followed by its message text when it has one.
 std::string DescribeError(const QenConfigManager::ErrorInfo& error);
+// A validation problem as a sentence: the schema checks' own text
+// ("expected string, found integer"), else DescribeError.
+std::string DescribeProblem(const QenConfigManager::ErrorInfo& error);
+// Why the plugin that `error` names (its first argument) failed: its exit
+// status or signal and where its log is, as one indented line on stderr;
+// nothing when the log does not tell.
+void PrintPluginFailure(const QenConfigManager::ErrorInfo& error);
+// One impact message: "set     network/dns/resolver" for a per-key one
+// ([key, group, component]), "reboot required", "maintenance mode required";
+// any other as DescribeMessage.
+std::string DescribeImpact(const QenConfigManager::ImpactInfo& info);
 // The same signal handling for a command whose operation takes no task.
 void CatchInterrupts();
 

@@ -40,23 +40,6 @@ void PrintImpact(int impact, int quickBootStatus) {
             << "\n";
 }
 
-// "set network/dns/resolver" for a per-key message ([key, group,
-// component]); the reboot and maintenance-mode messages as the impact reads.
-std::string MessageText(const ImpactInfo& info) {
-  static const std::string kPrefix = "corvane.settings.impact.info.";
-  if (info.msgId.compare(0, kPrefix.size(), kPrefix) != 0) return qenconfig::DescribeMessage(info.msgId, info.args);
-  const std::string what = info.msgId.substr(kPrefix.size());
-  if (info.args.size() == 3) {
-    auto arg = info.args.begin();
-    const std::string& key = *arg++;
-    const std::string& group = *arg++;
-    return what + std::string(what.size() < 8 ? 8 - what.size() : 1, ' ') + *arg + "/" + group + "/" + key;
-  }
-  if (what == "reboot") return "reboot required";
-  if (what == "maintenance-mode") return "maintenance mode required";
-  return qenconfig::DescribeMessage(info.msgId, info.args);
-}
-
 std::string ObjectText(const ConfigStoreObjectId& id) {
   return id.GetComponent() + "/" + id.GetGroup() + "/" + id.GetKey() +
          (id.GetInstanceId().empty() ? "" : "/" + id.GetInstanceId());
@@ -108,15 +91,16 @@ rapidjson::Document ReadDesired(const std::string& path) {
 
 // ---- impact ---------------------------------------------------------------
 
-int ImpactCommand(const std::string& file, const std::string& context, bool json) {
+int ImpactCommand(const std::string& file, const std::string& context) {
   rapidjson::Document desired = ReadDesired(file);
   const ImpactResult result = Impact(desired, context, qenconfig::MakeProgressTask("computing impact"));
   qenconfig::ExitIfInterrupted();
   if (!result.errorInfo.IsEmpty()) {
     std::cerr << "error: " << qenconfig::DescribeError(result.errorInfo) << "\n";
+    qenconfig::PrintPluginFailure(result.errorInfo);
     return qenconfig::kFailure;
   }
-  if (json) {
+  if (qenconfig::JsonOutput()) {
     rapidjson::Document out(rapidjson::kObjectType);
     auto& a = out.GetAllocator();
     out.AddMember("compliant", result.compliant, a);
@@ -128,10 +112,11 @@ int ImpactCommand(const std::string& file, const std::string& context, bool json
       for (const std::string& arg : info.args) args.PushBack(rapidjson::Value(arg, a), a);
       message.AddMember("id", rapidjson::Value(info.msgId, a), a);
       message.AddMember("args", args, a);
+      message.AddMember("text", rapidjson::Value(qenconfig::DescribeImpact(info), a), a);
       messages.PushBack(message, a);
     }
     out.AddMember("messages", messages, a);
-    std::cout << JsonToString(out) << "\n";
+    qenconfig::PrintJson(out);
     return qenconfig::kOk;
   }
   if (result.compliant) {
@@ -139,7 +124,7 @@ int ImpactCommand(const std::string& file, const std::string& context, bool json
     return qenconfig::kOk;
   }
   PrintImpact(result.impact, result.quickBootStatus);
-  for (const ImpactInfo& info : result.impactInfo) std::cout << "  " << MessageText(info) << "\n";
+  for (const ImpactInfo& info : result.impactInfo) std::cout << "  " << qenconfig::DescribeImpact(info) << "\n";
   return qenconfig::kOk;
 }
 
@@ -153,11 +138,19 @@ int PlanCommand(const std::string& file, const std::string& output, const std::s
   } catch (const ErrorInfo& error) {  // an impact plugin failed or was stopped
     qenconfig::ExitIfInterrupted();
     std::cerr << "error: " << qenconfig::DescribeError(error) << "; no plan written\n";
+    qenconfig::PrintPluginFailure(error);
     return qenconfig::kFailure;
   }
   qenconfig::ExitIfInterrupted();
   if (!check) {
-    std::cout << "Compliant: the host matches the desired document; no plan written.\n";
+    if (qenconfig::JsonOutput()) {
+      rapidjson::Document out(rapidjson::kObjectType);
+      out.AddMember("compliant", true, out.GetAllocator());
+      out.AddMember("file", rapidjson::Value(), out.GetAllocator());
+      qenconfig::PrintJson(out);
+    } else {
+      std::cout << "Compliant: the host matches the desired document; no plan written.\n";
+    }
     return qenconfig::kOk;
   }
   qenconfig::Plan plan;
@@ -172,6 +165,24 @@ int PlanCommand(const std::string& file, const std::string& output, const std::s
   qenconfig::ExitIfInterrupted();
   qenconfig::WriteUserFile(output, qenconfig::WritePlan(plan));
 
+  if (qenconfig::JsonOutput()) {
+    rapidjson::Document out(rapidjson::kObjectType);
+    auto& a = out.GetAllocator();
+    out.AddMember("compliant", false, a);
+    out.AddMember("file", rapidjson::Value(output, a), a);
+    out.AddMember("impact", rapidjson::StringRef(Named(kImpactNames, plan.impact)), a);
+    out.AddMember("quickBootStatus", rapidjson::StringRef(qenconfig::QuickBootName(plan.quickBootStatus)), a);
+    rapidjson::Value drift(rapidjson::kArrayType);
+    for (const qenconfig::PlannedDrift& d : plan.drift) {
+      rapidjson::Value entry(rapidjson::kObjectType);
+      entry.AddMember("operation", rapidjson::Value(d.operation, a), a);
+      entry.AddMember("object", rapidjson::Value(d.object, a), a);
+      drift.PushBack(entry, a);
+    }
+    out.AddMember("drift", drift, a);
+    qenconfig::PrintJson(out);
+    return qenconfig::kOk;
+  }
   PrintImpact(plan.impact, plan.quickBootStatus);
   for (const qenconfig::PlannedDrift& d : plan.drift)
     std::cout << "  " << d.operation << std::string(8 - d.operation.size(), ' ') << d.object << "\n";
@@ -238,7 +249,48 @@ std::string TaskLine(const ApplyTaskOutcome& task, const std::string& notRunReas
          (task.inputs == 1 ? " input]" : " inputs]") + detail;
 }
 
+int ReportJson(const ApplyResult& result) {
+  static const char* const kStates[] = {"done", "failed", "not run"};
+  const bool stopped = qenconfig::InterruptSignal() != 0 || qenconfig::TimedOut();
+  rapidjson::Document out(rapidjson::kObjectType);
+  auto& a = out.GetAllocator();
+  const char* outcome = "applied";
+  int code = qenconfig::kOk;
+  if (result.errorInfo.IsEmpty()) {
+    if (result.status == APPLY_STAGED_FOR_REBOOT) outcome = "staged", code = kStaged;
+    else if (result.tasks.empty()) outcome = "nothing to apply";
+    else if (result.status == APPLY_DONE_IN_MAINTENANCE_MODE) outcome = "applied in maintenance mode";
+  } else {
+    outcome = result.tasks.empty() ? "impact check failed" : qenconfig::TimedOut() ? "timed out"
+                                                           : stopped           ? "stopped"
+                                                                               : "failed";
+    code = qenconfig::TimedOut() ? kTimedOut : kApplyFailed;
+  }
+  out.AddMember("outcome", rapidjson::StringRef(outcome), a);
+  rapidjson::Value error(rapidjson::kNullType);
+  if (!result.errorInfo.IsEmpty()) error.SetString(qenconfig::DescribeError(result.errorInfo), a);
+  out.AddMember("error", error, a);
+  rapidjson::Value tasks(rapidjson::kArrayType);
+  for (const ApplyTaskOutcome& task : result.tasks) {
+    rapidjson::Value entry(rapidjson::kObjectType), taskError(rapidjson::kNullType);
+    const int state = task.state == APPLY_TASK_DONE ? 0 : task.state == APPLY_TASK_FAILED ? 1 : 2;
+    if (task.state == APPLY_TASK_FAILED) taskError.SetString(qenconfig::DescribeError(task.error), a);
+    entry.AddMember("key", rapidjson::Value(task.key, a), a);
+    entry.AddMember("plugin", rapidjson::Value(task.pluginId, a), a);
+    entry.AddMember("state", rapidjson::StringRef(kStates[state]), a);
+    entry.AddMember("inputs", static_cast<int>(task.inputs), a);
+    entry.AddMember("error", taskError, a);
+    tasks.PushBack(entry, a);
+  }
+  out.AddMember("tasks", tasks, a);
+  qenconfig::PrintJson(out);
+  return code;
+}
+
 int Report(const ApplyResult& result, double timeout) {
+  for (const ApplyTaskOutcome& task : result.tasks)
+    if (task.state == APPLY_TASK_FAILED) qenconfig::PrintPluginFailure(task.error);
+  if (qenconfig::JsonOutput()) return ReportJson(result);
   const bool stopped = qenconfig::InterruptSignal() != 0 || qenconfig::TimedOut();
   if (result.errorInfo.IsEmpty()) {
     if (result.status == APPLY_STAGED_FOR_REBOOT) {
@@ -300,7 +352,6 @@ int ApplyCommand(const std::string& file, double timeout) {
 qenconfig::Registrar reg([](CLI::App& app) {
   struct Options {
     std::string file, output, context;
-    bool json = false;
     double timeout = 0;
   };
   auto o = std::make_shared<Options>();
@@ -308,13 +359,22 @@ qenconfig::Registrar reg([](CLI::App& app) {
   auto* impact = app.add_subcommand("impact", "What applying a desired document would cost the host");
   impact->add_option("FILE", o->file, "Desired configuration document (a path on this machine)")->required();
   impact->add_option("--context", o->context, "Context text handed to the impact plugins");
-  impact->add_flag("--json", o->json, "Print the result as JSON");
-  impact->callback([o] { qenconfig::Exit(qenconfig::Run([&] { return ImpactCommand(o->file, o->context, o->json); })); });
+  impact->footer(
+      "JSON: {\"compliant\": bool, \"impact\": \"NO_IMPACT\"|\"MAINTENANCE_MODE_REQUIRED\"|\"REBOOT_REQUIRED\",\n"
+      "\"quickBootStatus\": \"QUICKBOOT_UNSUPPORTED\"|\"QUICKBOOT_SUPPORTED\"|\"QUICKBOOT_STM_SUPPORTED\",\n"
+      "\"messages\": [{\"id\": string, \"args\": [string], \"text\": string}]}.\n"
+      "Exit codes: 0 the impact was computed (also when the host complies), 1 it could not be.");
+  impact->callback([o] { qenconfig::Exit(qenconfig::Run([&] { return ImpactCommand(o->file, o->context); })); });
 
   auto* plan = app.add_subcommand("plan", "Check what applying a document costs and keep the result in a plan file");
   plan->add_option("FILE", o->file, "Desired configuration document (a path on this machine)")->required();
-  plan->add_option("-o,--output", o->output, "Plan file to write (mode 0600); none when the host complies")
+  plan->add_option("-o,--file", o->output, "Plan file to write (mode 0600); none when the host complies")
       ->required();
+  plan->footer(
+      "JSON: {\"compliant\": bool, \"file\": string|null (the plan file; null when none was written),\n"
+      "\"impact\": \"NO_IMPACT\"|..., \"quickBootStatus\": \"QUICKBOOT_...\",\n"
+      "\"drift\": [{\"operation\": \"ADD\"|\"SET\"|\"DELETE\", \"object\": string}]}.\n"
+      "Exit codes: 0 a plan was written or the host complies, 1 failure (no plan written).");
   plan->add_option("--context", o->context, "Context text handed to the impact and apply plugins");
   plan->callback([o] { qenconfig::Exit(qenconfig::Run([&] { return PlanCommand(o->file, o->output, o->context); })); });
 
@@ -331,7 +391,11 @@ qenconfig::Registrar reg([](CLI::App& app) {
       "listed); 8 refused, error 2026: the host must be in maintenance mode; 9 refused: the plan\n"
       "file is not a plan, was changed or cut short, has another format version or was made for\n"
       "another host (or error 2024); 1 other failures; 130/143 stopped by SIGINT/SIGTERM.\n"
-      "Refusals apply nothing.");
+      "Refusals apply nothing.\n"
+      "JSON (when it ran): {\"outcome\": \"applied\"|\"applied in maintenance mode\"|\"staged\"|\n"
+      "\"nothing to apply\"|\"failed\"|\"stopped\"|\"timed out\"|\"impact check failed\", \"error\": string|null,\n"
+      "\"tasks\": [{\"key\": string, \"plugin\": string, \"state\": \"done\"|\"failed\"|\"not run\",\n"
+      "\"inputs\": int, \"error\": string|null}]}; refusals print no JSON.");
   apply->callback([o] { qenconfig::Exit(qenconfig::Run([&] { return ApplyCommand(o->file, o->timeout); })); });
 });
 

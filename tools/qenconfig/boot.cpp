@@ -1,7 +1,7 @@
 // qenconfig boot: boot-time configuration.
 //   boot apply             the boot-time apply, as the boot service runs it
 //   boot document FILE     bootstrap from a document: staged or applied now
-//   boot record [--json]   the outcome of the last boot
+//   boot record            the outcome of the last boot
 //   boot early FILE        early bootstrap of authentication and networking
 //   boot merge IN OUT      this host's part of a document
 #include <unistd.h>
@@ -53,13 +53,21 @@ class HostCopy {
 };
 
 // Runs a boot entry point (0 or 1, never throws). Its failures are in the
-// log only, so they are shown here too: every priority-0 line it logged.
-int RunBootStep(const std::function<int()>& step) {
+// log only, so they are shown here too: every priority-0 line it logged,
+// with the user's file named instead of `copy`, its private copy.
+int RunBootStep(const std::function<int()>& step, const std::string& done, const HostCopy* copy = nullptr,
+                const std::string& userFile = "") {
   CSLogger::Capture capture;
   const int rc = step();
   qenconfig::ExitIfInterrupted();
-  if (rc != 0)
-    for (const std::string& line : capture.Texts(0)) std::cerr << "error: " << line << "\n";
+  for (const std::string& logged : rc != 0 ? capture.Texts(0) : std::vector<std::string>()) {
+    std::string line = qenconfig::UserPaths(logged);
+    for (size_t at; copy && (at = line.find(copy->Physical())) != std::string::npos;)
+      line.replace(at, copy->Physical().size(), userFile);
+    std::cerr << "error: " << line << "\n";
+  }
+  if (rc == 0)
+    qenconfig::PrintDone(done);
   return rc == 0 ? qenconfig::kOk : qenconfig::kFailure;
 }
 
@@ -72,7 +80,7 @@ const char* StatusName(BOOT_APPLY_STATUS status) {
   return "unknown";
 }
 
-int PrintRecord(bool json) {
+int PrintRecord() {
   QenConfigStore::GetDBStore(DBStore::USER, false);  // a missing store is an error, not created
   const int bootMode = QenConfigStore::GetBootMode();
   const BootApplyInfo info = GetBootApplyInfo();
@@ -94,8 +102,8 @@ int PrintRecord(bool json) {
     records.PushBack(entry, alloc);
   }
   out.AddMember("records", records, alloc);
-  if (json) {
-    std::cout << JsonToString(out) << "\n";
+  if (qenconfig::JsonOutput()) {
+    qenconfig::PrintJson(out);
     return qenconfig::kOk;
   }
   std::cout << "boot mode: " << bootMode << "\n"
@@ -122,6 +130,7 @@ int Merge(const std::string& in, const std::string& out) {
   if (!QenPlatform::ReadWholeFile(output.Physical(), text))
     throw std::runtime_error("the merged document could not be written");
   qenconfig::WriteUserFile(out, text);
+  qenconfig::PrintDone("Wrote this host's part of " + in + " to " + out + ".");
   return qenconfig::kOk;
 }
 
@@ -132,14 +141,16 @@ qenconfig::Registrar reg([](CLI::App& app) {
       "A boot sequence runs `qenconfig store boot` (the staged desired configuration becomes the\n"
       "current one) and then `qenconfig boot apply` (the auto-deployment files are written back\n"
       "and the boot-capable apply plugins apply it). `boot record` tells afterwards how it went.\n"
-      "apply, document and early exit 1 on any failure and print its log lines (priority 0).");
+      "apply, document and early exit 1 on any failure and print its log lines (priority 0).\n"
+      "JSON: record's form is in `qenconfig boot record --help`; the others print\n"
+      "{\"message\": string} on success.");
 
   auto* apply = boot->add_subcommand(
       "apply", "Boot-time apply of the stored desired configuration (after `store boot`)");
   apply->callback([] {
     qenconfig::Exit(qenconfig::Run([] {
       qenconfig::CatchInterrupts();
-      return RunBootStep([] { return ExecuteBootPlugins(); });
+      return RunBootStep([] { return ExecuteBootPlugins(); }, "The boot-time apply ran; `qenconfig boot record` tells how.");
     }));
   });
 
@@ -154,14 +165,19 @@ qenconfig::Registrar reg([](CLI::App& app) {
     qenconfig::Exit(qenconfig::Run([] {
       HostCopy copy("document", qenconfig::ReadUserFile(documentFile));
       qenconfig::CatchInterrupts();
-      return RunBootStep([&] { return ApplyBootDocument(copy.Logical()); });
+      return RunBootStep([&] { return ApplyBootDocument(copy.Logical()); },
+                         "Bootstrapped from " + documentFile +
+                             "; `qenconfig store stats` tells whether it waits for a reboot.",
+                         &copy, documentFile);
     }));
   });
 
   auto* record = boot->add_subcommand("record", "Boot mode and the outcome of the last boot-time apply");
-  static bool json = false;
-  record->add_flag("--json", json, "Print the outcome as JSON");
-  record->callback([] { qenconfig::Exit(qenconfig::Run([] { return PrintRecord(json); })); });
+  record->footer(
+      "JSON: {\"bootMode\": int, \"status\": int, \"statusName\": \"BOOT_APPLY_OK\"|\"BOOT_APPLY_FAILED\"|\n"
+      "\"BOOT_APPLY_INCOMPLETE\", \"records\": [{\"time\": string, \"errorInfo\": {\"msgId\": string,\n"
+      "\"args\": [string], \"message\": string}}]}.");
+  record->callback([] { qenconfig::Exit(qenconfig::Run([] { return PrintRecord(); })); });
 
   auto* early = boot->add_subcommand(
       "early", "Early bootstrap: the document's qen authentication, then its qen networking");
@@ -171,7 +187,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
     qenconfig::Exit(qenconfig::Run([] {
       const std::string text = qenconfig::ReadUserFile(earlyFile);
       qenconfig::CatchInterrupts();
-      return RunBootStep([&] { return ApplyEarlyBootstrapConfig(text); });
+      return RunBootStep([&] { return ApplyEarlyBootstrapConfig(text); }, "Early bootstrap from " + earlyFile + " done.");
     }));
   });
 

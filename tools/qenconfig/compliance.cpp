@@ -15,6 +15,28 @@ std::string Member(const rapidjson::Value& entry, const char* name) {
   return it == entry.MemberEnd() ? "-" : std::string(it->value.GetString());
 }
 
+// The result's details with every value as the JSON value it is: the library
+// hands them over as JSON texts.
+void PrintJson(QenConfigManager::ComplianceResult& result) {
+  rapidjson::Document out(rapidjson::kObjectType);
+  auto& a = out.GetAllocator();
+  out.AddMember("compliant", result.compliant, a);
+  rapidjson::Value details(result.details, a);
+  for (const char* array : {"ADDS", "DELETES", "SETS"}) {
+    auto it = details.FindMember(array);
+    if (it == details.MemberEnd() || !it->value.IsArray()) continue;
+    for (auto& entry : it->value.GetArray())
+      for (const char* side : {"desiredValue", "hostValue"}) {
+        auto value = entry.FindMember(side);
+        if (value == entry.MemberEnd() || !value->value.IsString()) continue;
+        rapidjson::Document parsed;
+        if (QenPlatform::ParseJson(std::string(value->value.GetString(), value->value.GetStringLength()), parsed)) value->value.CopyFrom(parsed, a);
+      }
+  }
+  out.AddMember("details", details, a);
+  qenconfig::PrintJson(out);
+}
+
 void PrintTable(const QenConfigManager::ComplianceResult& result) {
   struct Row {
     const char* action;
@@ -53,13 +75,16 @@ qenconfig::Registrar reg([](CLI::App& app) {
                                  "Check whether the host complies with a desired document");
   auto file = std::make_shared<std::string>();
   auto propertyLevel = std::make_shared<bool>(false);
-  auto json = std::make_shared<bool>(false);
   cmd->add_option("FILE", *file, "Desired configuration document (a path on this machine)")
       ->required();
   cmd->add_flag("--property-level", *propertyLevel,
                 "Compare keys that exist on one side only property by property");
-  cmd->add_flag("--json", *json, "Print the result as JSON");
-  cmd->callback([file, propertyLevel, json] {
+  cmd->footer(
+      "JSON: {\"compliant\": bool, \"details\": {\"ADDS\": [entry], \"DELETES\": [entry], \"SETS\": [entry]}};\n"
+      "an entry has \"path\" (string) and \"desiredValue\" and/or \"hostValue\" (JSON values; a value\n"
+      "a schema marks sensitive reads \"(redacted)\").\n"
+      "Exit codes: 0 compliant, 3 not compliant, 1 the check could not run.");
+  cmd->callback([file, propertyLevel] {
     qenconfig::Exit(qenconfig::Run([&] {
       rapidjson::Document desired;
       QenConfigManager::ParseDocument(qenconfig::ReadUserFile(*file), desired);
@@ -67,12 +92,8 @@ qenconfig::Registrar reg([](CLI::App& app) {
       QenConfigManager::CheckCompliance(desired, *propertyLevel, result,
                                         qenconfig::MakeProgressTask("checking compliance"));
       qenconfig::ExitIfInterrupted();
-      if (*json) {
-        rapidjson::Document out(rapidjson::kObjectType);
-        out.AddMember("compliant", result.compliant, out.GetAllocator());
-        out.AddMember("details", rapidjson::Value(result.details, out.GetAllocator()),
-                      out.GetAllocator());
-        std::cout << JsonToString(out) << "\n";
+      if (qenconfig::JsonOutput()) {
+        PrintJson(result);
       } else {
         PrintTable(result);
       }

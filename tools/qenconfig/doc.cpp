@@ -11,6 +11,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
   doc->require_subcommand(1);
 
   auto* fmt = doc->add_subcommand("fmt", "Print a JSON document in the pretty layout (three-space indent)");
+  fmt->footer("The document is JSON whatever the --output format.");
   auto file = std::make_shared<std::string>();
   fmt->add_option("FILE", *file, "JSON file (a path on this machine)")->required();
   fmt->callback([file] {
@@ -18,7 +19,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
       const std::string text = qenconfig::ReadUserFile(*file);
       rapidjson::Document document;
       QenConfigManager::ParseDocument(text, document);
-      std::cout << JsonToString(document) << "\n";
+      qenconfig::PrintJson(document);
       return qenconfig::kOk;
     }));
   });

@@ -24,11 +24,12 @@ int Export(const ExportOptions& options) {
   if (!options.file.empty()) {
     // The file keeps the exported text as it is, normalised.
     qenconfig::WriteUserFile(options.file, text + "\n");
+    qenconfig::PrintDone("Exported to " + options.file + ".");
     return qenconfig::kOk;
   }
   rapidjson::Document doc;
   ParseDocument(text, doc);
-  std::cout << JsonToString(doc) << "\n";
+  qenconfig::PrintJson(doc);
   return qenconfig::kOk;
 }
 
@@ -37,8 +38,9 @@ qenconfig::Registrar reg([](CLI::App& app) {
   auto options = std::make_shared<ExportOptions>();
   cmd->add_flag("--telemetry", options->telemetry,
                 "The telemetry form: allow-listed keys only, sensitive values masked");
-  cmd->add_option("-o,--output", options->file,
+  cmd->add_option("-o,--file", options->file,
                   "Write the normalised document to FILE (mode 0600) instead of printing it");
+  cmd->footer("The document is JSON whatever the --output format.");
   cmd->callback([options] { qenconfig::Exit(qenconfig::Run([&] { return Export(*options); })); });
 });
 

@@ -43,23 +43,34 @@ std::string Pretty(const std::string& text) {
   return JsonToString(doc);
 }
 
-std::string Joined(const std::list<std::string>& args) {
-  std::string text;
-  for (const std::string& a : args) text += (text.empty() ? "" : ", ") + a;
-  return text;
+std::string Describe(const ErrorInfo& error) { return qenconfig::DescribeError(error); }
+
+constexpr const char* kImpactNames[] = {"NO_IMPACT", "MAINTENANCE_MODE_REQUIRED", "REBOOT_REQUIRED"};
+
+// The JSON report of set and delete: what was asked, its impact and what
+// became of it.
+void PrintChange(const ChangeArgs& args, const ImpactResult* impact, const char* outcome) {
+  rapidjson::Document out(rapidjson::kObjectType);
+  auto& a = out.GetAllocator();
+  out.AddMember("component", rapidjson::Value(args.component, a), a);
+  out.AddMember("group", rapidjson::Value(args.group, a), a);
+  out.AddMember("key", rapidjson::Value(args.key, a), a);
+  out.AddMember("outcome", rapidjson::StringRef(outcome), a);
+  rapidjson::Value impactName, messages(rapidjson::kArrayType);
+  if (impact) {
+    impactName.SetString(rapidjson::StringRef(kImpactNames[impact->impact]));
+    for (const ImpactInfo& info : impact->impactInfo)
+      messages.PushBack(rapidjson::Value(qenconfig::DescribeImpact(info), a), a);
+  }
+  out.AddMember("impact", impactName, a);
+  out.AddMember("messages", messages, a);
+  qenconfig::PrintJson(out);
 }
 
-std::string Describe(const ErrorInfo& error) {
-  std::string text = error.msgId;
-  if (!error.args.empty()) text += " (" + Joined(error.args) + ")";
-  if (!error.message.empty()) text += ": " + error.message;
-  return text;
-}
-
-int Get(const KeyArgs& args, bool json) {
+int Get(const KeyArgs& args) {
   std::string defaults, current, userConfig;
   GetConfig(args.component, args.group, args.key, defaults, current, userConfig);
-  if (!json) {
+  if (!qenconfig::JsonOutput()) {
     std::cout << args.Name() << ": " << userConfig << "\n"
               << "default: " << Pretty(defaults) << "\n"
               << "current: " << Pretty(current) << "\n";
@@ -78,7 +89,7 @@ int Get(const KeyArgs& args, bool json) {
   out.AddMember("userConfig", rapidjson::Value(userConfig, a), a);
   add("default", defaults);
   add("current", current);
-  std::cout << JsonToString(out) << "\n";
+  qenconfig::PrintJson(out);
   return qenconfig::kOk;
 }
 
@@ -97,9 +108,11 @@ bool ValidateRelevant(const rapidjson::Document& relevant) {
   }
   for (const ValidationErrorInfo& error : result.errors)
     for (const ErrorInfo& message : error.messages)
-      std::cerr << "invalid: " << error.path << ": " << Describe(message) << "\n";
-  if (!result.pluginError.IsEmpty())
+      std::cerr << "invalid: " << error.path << ": " << qenconfig::DescribeProblem(message) << "\n";
+  if (!result.pluginError.IsEmpty()) {
     std::cerr << "error: validation failed: " << Describe(result.pluginError) << "\n";
+    qenconfig::PrintPluginFailure(result.pluginError);
+  }
   return result.errors.empty() && result.pluginError.IsEmpty();
 }
 
@@ -108,12 +121,14 @@ int ReviewImpact(const ImpactResult& impact, const ChangeArgs& args) {
   qenconfig::ExitIfInterrupted();
   if (!impact.errorInfo.IsEmpty()) {
     std::cerr << "error: impact check failed: " << Describe(impact.errorInfo) << "\n";
+    qenconfig::PrintPluginFailure(impact.errorInfo);
     return qenconfig::kFailure;
   }
   static const char* const kNames[] = {"none", "maintenance mode required", "reboot required"};
-  std::cout << "impact: " << kNames[impact.impact] << "\n";
-  for (const ImpactInfo& info : impact.impactInfo)
-    std::cout << "  " << info.msgId << (info.args.empty() ? "" : " (" + Joined(info.args) + ")") << "\n";
+  if (!qenconfig::JsonOutput()) {
+    std::cout << "impact: " << kNames[impact.impact] << "\n";
+    for (const ImpactInfo& info : impact.impactInfo) std::cout << "  " << qenconfig::DescribeImpact(info) << "\n";
+  }
   if (impact.impact == NO_IMPACT || args.yes) return 0;
   // Outside maintenance mode the change is refused (2026) whatever the answer.
   if (impact.impact == MAINTENANCE_MODE_REQUIRED && !IsMaintenanceModeEnabled()) return 0;
@@ -129,7 +144,8 @@ int ReviewImpact(const ImpactResult& impact, const ChangeArgs& args) {
   std::string answer;
   std::getline(std::cin, answer);
   if (answer == "y" || answer == "Y" || answer == "yes") return 0;
-  std::cout << "Nothing changed.\n";
+  if (qenconfig::JsonOutput()) PrintChange(args, &impact, "declined");
+  else std::cout << "Nothing changed.\n";
   return qenconfig::kFailure;
 }
 
@@ -141,9 +157,12 @@ int Report(const ErrorInfo& error, const ImpactResult& impact, const ChangeArgs&
     if (qenconfig::TimedOut())
       std::cerr << "error: stopped after --timeout " << args.timeout << " s\n";
     std::cerr << "error: " << Describe(error) << "\n";
+    qenconfig::PrintPluginFailure(error);
     return qenconfig::kFailure;
   }
-  if (impact.impact == REBOOT_REQUIRED)
+  if (qenconfig::JsonOutput())
+    PrintChange(args, &impact, impact.impact == REBOOT_REQUIRED ? "staged" : "applied");
+  else if (impact.impact == REBOOT_REQUIRED)
     std::cout << staged << " for the next boot: " << args.Name() << " (reboot the host to apply it)\n";
   else
     std::cout << done << ": " << args.Name() << "\n";
@@ -171,7 +190,7 @@ int Set(const ChangeArgs& args) {
   if (!ValidateInputSet(args.component, args.group, args.key, ValueText(args.value), value, errors)) {
     for (const ValidationErrorInfo& error : errors)
       for (const ErrorInfo& message : error.messages)
-        std::cerr << "invalid: " << error.path << ": " << Describe(message) << "\n";
+        std::cerr << "invalid: " << error.path << ": " << qenconfig::DescribeProblem(message) << "\n";
     return qenconfig::kFailure;
   }
   GenerateSetDocuments(args.component, args.group, args.key, value, desired, current, relevant);
@@ -179,6 +198,10 @@ int Set(const ChangeArgs& args) {
   if (!ValidateRelevant(relevant)) return qenconfig::kFailure;
   ImpactResult impact = CheckImpact(desired, current, qenconfig::MakeProgressTask("impact"));
   if (impact.errorInfo.IsEmpty() && impact.compliant) {
+    if (qenconfig::JsonOutput()) {
+      PrintChange(args, &impact, "unchanged");
+      return qenconfig::kOk;
+    }
     std::cout << "Nothing to change: " << args.Name() << " already has this value.\n";
     return qenconfig::kOk;
   }
@@ -197,6 +220,10 @@ int Delete(const ChangeArgs& args) {
   GenerateDeleteDocuments(args.component, args.group, args.key, current, relevant);
   qenconfig::ExitIfInterrupted();
   if (current.IsNull()) {
+    if (qenconfig::JsonOutput()) {
+      PrintChange(args, nullptr, "unchanged");
+      return qenconfig::kOk;
+    }
     std::cout << "Nothing to delete: " << args.Name() << " has no current value.\n";
     return qenconfig::kOk;
   }
@@ -210,29 +237,36 @@ int Delete(const ChangeArgs& args) {
   return Report(error, impact, args, "deleted", "deletion staged");
 }
 
+constexpr const char* kChangeFooter =
+    "JSON: {\"component\": string, \"group\": string, \"key\": string, \"outcome\": \"applied\"|\"staged\"|\n"
+    "\"unchanged\"|\"declined\", \"impact\": \"NO_IMPACT\"|\"MAINTENANCE_MODE_REQUIRED\"|\"REBOOT_REQUIRED\"|null,\n"
+    "\"messages\": [string]}; invalid values and failures go to stderr only.\n"
+    "Exit codes: 0 done or nothing to change, 1 invalid value, failure or declined, 2 --yes needed.";
+
 qenconfig::Registrar reg([](CLI::App& app) {
   auto* get = app.add_subcommand("get", "Print one key's default and current configuration");
   static KeyArgs getArgs;
-  static bool json = false;
   AddKeyOptions(get, getArgs);
-  get->add_flag("--json", json, "One JSON object: component, group, key, userConfig, default, current");
-  get->callback([] { qenconfig::Exit(qenconfig::Run([] { return Get(getArgs, json); })); });
+  get->footer(
+      "JSON: {\"component\": string, \"group\": string, \"key\": string, \"userConfig\": string,\n"
+      "\"default\": value|null, \"current\": value|null}.");
+  get->callback([] { qenconfig::Exit(qenconfig::Run([] { return Get(getArgs); })); });
 
   auto* set = app.add_subcommand(
       "set",
-      "Set one key: validate, show the impact, then apply at once or stage for the next boot\n"
-      "(exit 1 when the value is invalid or the change failed or was declined, 2 when a\n"
-      "confirmation is needed and --yes is missing)");
+      "Set one key: validate, show the impact, then apply at once or stage for the next boot");
   static ChangeArgs setArgs;
   AddKeyOptions(set, setArgs);
   set->add_option("VALUE", setArgs.value, "The key's value as JSON text, or @FILE")->required();
   AddChangeOptions(set, setArgs);
+  set->footer(kChangeFooter);
   set->callback([] { qenconfig::Exit(qenconfig::Run([] { return Set(setArgs); })); });
 
   auto* del = app.add_subcommand("delete", "Delete one key's configuration (same flow as set)");
   static ChangeArgs deleteArgs;
   AddKeyOptions(del, deleteArgs);
   AddChangeOptions(del, deleteArgs);
+  del->footer(kChangeFooter);
   del->callback([] { qenconfig::Exit(qenconfig::Run([] { return Delete(deleteArgs); })); });
 });
 

@@ -13,11 +13,12 @@ qenconfig::Registrar reg([](CLI::App& app) {
   smartnic->require_subcommand(1);
 
   auto* get = smartnic->add_subcommand("get", "Print the SmartNIC's current configuration");
+  get->footer("The document is JSON whatever the --output format.");
   get->callback([] {
     qenconfig::Exit(qenconfig::Run([] {
       rapidjson::Document doc;
       ParseDocument(ExtractSmartnicConfiguration(), doc);
-      std::cout << JsonToString(doc) << "\n";
+      qenconfig::PrintJson(doc);
       return qenconfig::kOk;
     }));
   });
@@ -28,7 +29,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
   set->callback([file] {
     qenconfig::Exit(qenconfig::Run([&] {
       SetSmartnicConfiguration(qenconfig::ReadUserFile(*file));
-      std::cout << "SmartNIC configuration staged for the next boot.\n";
+      qenconfig::PrintDone("SmartNIC configuration staged for the next boot.");
       return qenconfig::kOk;
     }));
   });

@@ -10,14 +10,6 @@
 
 namespace {
 
-void PrintPretty(const rapidjson::Value& value) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
-  writer.SetIndent(' ', 3);
-  value.Accept(writer);
-  std::cout << buffer.GetString() << "\n";
-}
-
 qenconfig::Registrar reg([](CLI::App& app) {
   auto* store = app.add_subcommand("store", "Seed and inspect the configuration store");
   store->require_subcommand(1);
@@ -31,19 +23,21 @@ qenconfig::Registrar reg([](CLI::App& app) {
       rapidjson::Document doc;
       const QenPlatform::JsonParseResult parsed = QenPlatform::ParseJson(text, doc);
       if (!parsed)
-        throw QenConfigStore::ConfigStoreException(
+        throw qenconfig::UserError(
             QenConfigStore::STORE_BAD_VALUE,
             ("Store description \"" + file + "\" is not valid JSON: " + parsed.reason).c_str());
       QenConfigStore::LoadStoreDescription(doc);
+      qenconfig::PrintDone("Store loaded from " + file + ".");
       return 0;
     }));
   });
 
   auto* dump = store->add_subcommand("dump", "Print the store's content as a store description");
+  dump->footer("The store description is JSON whatever the --output format.");
   dump->callback([] {
     qenconfig::Exit(qenconfig::Run([] {
       QenConfigStore::GetDBStore(DBStore::USER, false);  // a missing store is an error, not created
-      PrintPretty(QenConfigStore::DumpStoreDescription()->GetDocument());
+      qenconfig::PrintJson(QenConfigStore::DumpStoreDescription()->GetDocument());
       return 0;
     }));
   });
@@ -54,8 +48,9 @@ qenconfig::Registrar reg([](CLI::App& app) {
     qenconfig::Exit(qenconfig::Run([] {
       QenConfigStore::GetDBStore(DBStore::USER, false);
       QenConfigStore::RestoreDesiredConfigAtBoot();
-      for (const auto& id : QenConfigStore::GetBootTimeRestoreFailures())
-        std::cerr << "not restored: " << id.toString() << "\n";
+      const auto failures = QenConfigStore::GetBootTimeRestoreFailures();
+      for (const auto& id : failures) std::cerr << "not restored: " << id.toString() << "\n";
+      if (failures.empty()) qenconfig::PrintDone("The staged desired configuration is now the current one.");
       return 0;
     }));
   });
@@ -63,9 +58,36 @@ qenconfig::Registrar reg([](CLI::App& app) {
   auto* stats = store->add_subcommand(
       "stats", "Print the store's size statistics and its boot mode (1: a document is staged for\n"
                "the next boot, 4: single-key changes are)");
+  stats->footer(
+      "JSON: {\"rowCount\": int, \"vitalConfigSize\": int, \"userConfigSize\": int, \"cachedConfigSize\": int,\n"
+      "\"bootMode\": int, \"metrics\": {NAME: int or string}}.");
   stats->callback([] {
     qenconfig::Exit(qenconfig::Run([] {
       QenConfigStore::GetDBStore(DBStore::USER, false);
+      if (qenconfig::JsonOutput()) {
+        rapidjson::Document out(rapidjson::kObjectType);
+        auto& a = out.GetAllocator();
+        out.AddMember("rowCount", static_cast<int64_t>(QenConfigStore::GetConfigRowCount()), a);
+        out.AddMember("vitalConfigSize", static_cast<int64_t>(QenConfigStore::GetVitalConfigSize()), a);
+        out.AddMember("userConfigSize", static_cast<int64_t>(QenConfigStore::GetUserConfigSize()), a);
+        out.AddMember("cachedConfigSize", static_cast<int64_t>(QenConfigStore::GetCachedConfigSize()), a);
+        out.AddMember("bootMode", static_cast<int64_t>(QenConfigStore::GetBootMode()), a);
+        rapidjson::Value metrics(rapidjson::kObjectType);
+        for (const std::string& line : QenConfigStore::GetConfigMetrics()) {
+          const size_t eq = line.find('=');
+          if (eq == std::string::npos) continue;
+          const std::string value = line.substr(eq + 1);
+          char* end = nullptr;
+          const long long number = std::strtoll(value.c_str(), &end, 10);
+          rapidjson::Value v;
+          if (!value.empty() && *end == '\0') v.SetInt64(number);
+          else v.SetString(value, a);
+          metrics.AddMember(rapidjson::Value(line.substr(0, eq), a), v, a);
+        }
+        out.AddMember("metrics", metrics, a);
+        qenconfig::PrintJson(out);
+        return 0;
+      }
       std::cout << "rowCount=" << QenConfigStore::GetConfigRowCount() << "\n"
                 << "vitalConfigSize=" << QenConfigStore::GetVitalConfigSize() << "\n"
                 << "userConfigSize=" << QenConfigStore::GetUserConfigSize() << "\n"

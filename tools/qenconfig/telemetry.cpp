@@ -15,7 +15,6 @@ using HostCtl::System::TelemetryValue;
 struct TelemetryOptions {
   HostCtl::System::TelemetryFilter filter;
   uint32_t index = 0;
-  bool json = false;
 };
 
 template <typename T>
@@ -86,14 +85,14 @@ void PrintJson(const TelemetryData& items, uint32_t index) {
   }
   doc.AddMember("items", values, alloc);
   doc.AddMember("index", index, alloc);
-  std::cout << JsonToString(doc) << "\n";
+  qenconfig::PrintJson(doc);
 }
 
 int Telemetry(const TelemetryOptions& options) {
   TelemetryData items;
   const uint32_t next = QenConfigManager::ConfigManagerTelemetryInfo::GetTelemetryData(
       options.filter, items, options.index);
-  if (options.json)
+  if (qenconfig::JsonOutput())
     PrintJson(items, next);
   else
     PrintText(items, next);
@@ -111,7 +110,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
                   "Emit only items numbered from this index on");
   cmd->add_option("--max", options->filter.maxEntries, "At most this many items (default: all)");
   cmd->add_option("--index", options->index, "Number of the first item (default 0)");
-  cmd->add_flag("--json", options->json, "Print {\"items\": {...}, \"index\": N}");
+  cmd->footer("JSON: {\"items\": {NAME: value or [value]}, \"index\": int (the next item's number)}.");
   cmd->callback([options] { qenconfig::Exit(qenconfig::Run([&] { return Telemetry(*options); })); });
 });
 

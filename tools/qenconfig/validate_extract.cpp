@@ -10,6 +10,28 @@ namespace {
 
 using namespace QenConfigManager;
 
+void PrintJson(const ValidationResult& result) {
+  rapidjson::Document out(rapidjson::kObjectType);
+  auto& a = out.GetAllocator();
+  out.AddMember("valid", result.errors.empty() && result.pluginError.IsEmpty(), a);
+  rapidjson::Value errors(rapidjson::kArrayType);
+  for (const ValidationErrorInfo& error : result.errors)
+    for (const ErrorInfo& message : error.messages) {
+      rapidjson::Value entry(rapidjson::kObjectType), args(rapidjson::kArrayType);
+      for (const std::string& arg : message.args) args.PushBack(rapidjson::Value(arg, a), a);
+      entry.AddMember("path", rapidjson::Value(error.path, a), a);
+      entry.AddMember("id", rapidjson::Value(message.msgId, a), a);
+      entry.AddMember("args", args, a);
+      entry.AddMember("message", rapidjson::Value(qenconfig::DescribeProblem(message), a), a);
+      errors.PushBack(entry, a);
+    }
+  out.AddMember("errors", errors, a);
+  rapidjson::Value pluginError;
+  if (!result.pluginError.IsEmpty()) pluginError.SetString(qenconfig::DescribeError(result.pluginError), a);
+  out.AddMember("pluginError", pluginError, a);
+  qenconfig::PrintJson(out);
+}
+
 int ValidateFile(const std::string& path) {
   rapidjson::Document doc;
   ParseDocument(qenconfig::ReadUserFile(path), doc);
@@ -22,9 +44,25 @@ int ValidateFile(const std::string& path) {
     Validate(doc, std::get<rapidjson::Document>(schema), "", result, true, task);
   }
   qenconfig::ExitIfInterrupted();
-  std::cout << result.Serialize() << "\n";
-  return result.errors.empty() && result.pluginError.IsEmpty() ? qenconfig::kOk
-                                                               : qenconfig::kFailure;
+  const bool ran = result.pluginError.IsEmpty();
+  if (qenconfig::JsonOutput()) {
+    PrintJson(result);
+  } else if (!ran) {
+    std::cerr << "error: validation could not run: " << qenconfig::DescribeError(result.pluginError) << "\n";
+  } else if (result.errors.empty()) {
+    std::cout << "Valid: " << path << "\n";
+  } else {
+    std::cout << "Invalid: " << path << ": " << result.errors.size()
+              << (result.errors.size() == 1 ? " path has problems\n" : " paths have problems\n");
+    for (const ValidationErrorInfo& error : result.errors)
+      for (const ErrorInfo& message : error.messages)
+        std::cout << "  " << (error.path.empty() ? "/" : error.path) << ": " << qenconfig::DescribeProblem(message) << "\n";
+  }
+  if (!ran) {
+    qenconfig::PrintPluginFailure(result.pluginError);
+    return qenconfig::kFailure;
+  }
+  return result.errors.empty() ? qenconfig::kOk : qenconfig::kNotCompliant;
 }
 
 int Extract(const std::string& which) {
@@ -33,7 +71,7 @@ int Extract(const std::string& which) {
   std::shared_ptr<QenConfigStore::JsonDoc> doc =
       which == "current" ? ExtractCurrentConfiguration() : ExtractDesiredConfiguration();
   qenconfig::ExitIfInterrupted();
-  std::cout << JsonToString(doc->GetDocument()) << "\n";
+  qenconfig::PrintJson(doc->GetDocument());
   return qenconfig::kOk;
 }
 
@@ -42,6 +80,12 @@ qenconfig::Registrar reg([](CLI::App& app) {
   static std::string storage;
   std::string* file = &storage;
   validate->add_option("FILE", *file, "Desired document (JSON)")->required();
+  validate->footer(
+      "Text: \"Valid: FILE\", or \"Invalid: FILE: ...\" and one line per problem: \"  PATH: MESSAGE\".\n"
+      "JSON: {\"valid\": bool, \"errors\": [{\"path\": string, \"id\": string, \"args\": [string],\n"
+      "\"message\": string}], \"pluginError\": string|null}.\n"
+      "Exit codes: 0 valid, 3 invalid, 1 the validation could not run (unreadable file, not JSON,\n"
+      "a validation plugin failed).");
   validate->callback([file] { qenconfig::Exit(qenconfig::Run([&] { return ValidateFile(*file); })); });
 
   auto* extract = app.add_subcommand("extract", "Print the host's configuration document");
@@ -50,6 +94,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
   extract->add_option("WHAT", *which, "current or desired")
       ->required()
       ->check(CLI::IsMember({"current", "desired"}));
+  extract->footer("The document is JSON whatever the --output format.");
   extract->callback([which] { qenconfig::Exit(qenconfig::Run([&] { return Extract(*which); })); });
 });
 

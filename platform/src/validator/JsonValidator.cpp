@@ -159,3 +159,12 @@ std::string JsonValidator::ConvertErrorCodeToMsgId(int code) {
   const QenValidator::CodeInfo* info = QenValidator::InfoOf(code);
   return std::string("corvane.qen.settings.schema.") + (info ? info->event : "unknown-error");
 }
+
+std::string JsonValidator::MessageText(const std::string& msgId, const std::vector<std::string>& args) {
+  static const std::string kPrefix = "corvane.qen.settings.schema.";
+  if (msgId.compare(0, kPrefix.size(), kPrefix) != 0) return "";
+  const std::string event = msgId.substr(kPrefix.size());
+  for (int code = 0; code < kCodeCount; ++code)
+    if (event == QenValidator::InfoOf(code)->event) return QenValidator::FormatText(QenValidator::InfoOf(code)->text, args);
+  return "";
+}
