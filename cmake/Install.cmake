@@ -11,6 +11,7 @@
 #                                     headers include it by bare name, so a
 #                                     consumer compiles with both directories)
 #   <prefix>/bin/qenconfig
+#   <prefix>/share/bash-completion/completions/qenconfig
 #   <prefix>/lib/corvane/configmanager/bin/{py,cpp}_plugin_runner
 #   <prefix>/lib/corvane/configmanager/python/qenplugin/
 #   <prefix>/lib/corvane/configmanager/plugin_schemas/
@@ -32,6 +33,9 @@ set_target_properties(qenconfig PROPERTIES INSTALL_RPATH "$ORIGIN/${QEN_BIN_TO_L
 install(TARGETS qenplatform configmanager EXPORT configmanagerTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development)
 install(TARGETS qenconfig RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
+# Where bash-completion loads a command's completion on first use.
+install(FILES ${QEN_SOURCE_DIR}/tools/qenconfig/completion/qenconfig.bash
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME qenconfig COMPONENT Runtime)
 
 install(DIRECTORY ${QEN_SOURCE_DIR}/include/configmanager
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT Development FILES_MATCHING PATTERN "*.h")

@@ -162,8 +162,9 @@ TEST_F(ConventionsTest, ComplianceJsonHoldsValuesNotTexts) {
       // A value that is itself a JSON text would be a string starting with
       // a JSON token; the values are the values.
       for (const char* side : {"desiredValue", "hostValue"}) {
-        if (entry.HasMember(side) && entry[side].IsString())
+        if (entry.HasMember(side) && entry[side].IsString()) {
           EXPECT_EQ(std::string(entry[side].GetString()).find('"'), std::string::npos) << path;
+        }
       }
     }
   EXPECT_TRUE(sawPassword);
