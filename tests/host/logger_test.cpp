@@ -83,7 +83,7 @@ TEST_F(LoggerFileTest, FullLogIsRotatedKeepingABoundedNumberOfOldFiles) {
   const size_t last = previous.rfind("<0> ");
   ASSERT_NE(last, std::string::npos);
   const int lastInPrevious = std::stoi(previous.substr(last + 4, 4));
-  char next[16];
+  char next[32];
   snprintf(next, sizeof next, "<0> %04d ", lastInPrevious + 1);
   EXPECT_EQ(Count(LogText(Root()), next), 1u);
 }

@@ -280,11 +280,11 @@ TEST(ValidateCMDocument, RepeatedNamesAndInstanceIdentifiersAreErrorsInEveryCode
     "hosts": [{"name": "a"}, {"name": "b"}, {"name": "a"}, {"name": 7}, {"name": "7"}, {"name": 7}, {"name": "a"}],
     "resolver": {}}}})";
   const std::string expected =
-      R"([{"field":"/network/dns/resolver","errId":33,"error":"member name "resolver" appears more than once","errArgs":["resolver"]},)"
-      R"({"field":"/network/dns/resolver/servers","errId":33,"error":"member name "servers" appears more than once","errArgs":["servers"]},)"
-      R"({"field":"/network/dns/hosts/2/name","errId":34,"error":"instance identifier "a" is also used by instance 0","errArgs":[""a"","0"]},)"
+      R"([{"field":"/network/dns/resolver","errId":33,"error":"member name \"resolver\" appears more than once","errArgs":["resolver"]},)"
+      R"({"field":"/network/dns/resolver/servers","errId":33,"error":"member name \"servers\" appears more than once","errArgs":["servers"]},)"
+      R"({"field":"/network/dns/hosts/2/name","errId":34,"error":"instance identifier \"a\" is also used by instance 0","errArgs":["\"a\"","0"]},)"
       R"({"field":"/network/dns/hosts/5/name","errId":34,"error":"instance identifier 7 is also used by instance 3","errArgs":["7","3"]},)"
-      R"({"field":"/network/dns/hosts/6/name","errId":34,"error":"instance identifier "a" is also used by instance 0","errArgs":[""a"","0"]}])";
+      R"({"field":"/network/dns/hosts/6/name","errId":34,"error":"instance identifier \"a\" is also used by instance 0","errArgs":["\"a\"","0"]}])";
   for (const std::set<int>& codes : {kDocumentCodes, kCsoCodes, kAutoconfCodes}) {
     rapidjson::Document errors;
     V::ValidateCMDocument(schemaDoc, Parse(content), errors, codes, "");
