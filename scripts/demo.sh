@@ -53,7 +53,7 @@ q telemetry --include configManagerQenBiosUuid,configManagerRowCount --index 5 -
 # host with the new value goes from one drift to none), set one that needs a
 # reboot (staged, boot mode 4), and delete one.
 RESOLVER='{"servers": ["192.0.2.53", "192.0.2.54"], "search": ["lab.example"]}'
-"$QEN" --root "$HOST" extract current | python3 -c '
+"$QEN" --root "$HOST" extract current --show-sensitive | python3 -c '
 import json, sys
 doc = json.load(sys.stdin)
 doc["network"]["dns"]["resolver"] = json.loads(sys.argv[1])

@@ -101,8 +101,9 @@ std::vector<qenconfig::PlannedDrift> RecordDrift(const rapidjson::Value& desired
 }
 
 rapidjson::Document ReadDesired(const std::string& path) {
+  qenconfig::RequireStore();
   rapidjson::Document desired;
-  ParseDocument(qenconfig::ReadUserFile(path), desired);
+  qenconfig::ReadDesiredDocument(path, desired);
   return desired;
 }
 

@@ -62,7 +62,8 @@ qenconfig::Registrar reg([](CLI::App& app) {
   cmd->callback([file, propertyLevel, json] {
     qenconfig::Exit(qenconfig::Run([&] {
       rapidjson::Document desired;
-      QenConfigManager::ParseDocument(qenconfig::ReadUserFile(*file), desired);
+      qenconfig::RequireStore();
+      qenconfig::ReadDesiredDocument(*file, desired);
       QenConfigManager::ComplianceResult result;
       QenConfigManager::CheckCompliance(desired, *propertyLevel, result,
                                         qenconfig::MakeProgressTask("checking compliance"));

@@ -15,9 +15,8 @@ qenconfig::Registrar reg([](CLI::App& app) {
   fmt->add_option("FILE", *file, "JSON file (a path on this machine)")->required();
   fmt->callback([file] {
     qenconfig::Exit(qenconfig::Run([&] {
-      const std::string text = qenconfig::ReadUserFile(*file);
       rapidjson::Document document;
-      QenConfigManager::ParseDocument(text, document);
+      qenconfig::ReadUserDocument(*file, document);
       std::cout << JsonToString(document) << "\n";
       return qenconfig::kOk;
     }));

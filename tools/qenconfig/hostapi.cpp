@@ -56,9 +56,18 @@ std::string Describe(const ErrorInfo& error) {
   return text;
 }
 
-int Get(const KeyArgs& args, bool json) {
+int Get(const KeyArgs& args, bool json, bool showSensitive) {
   std::string defaults, current, userConfig;
   GetConfig(args.component, args.group, args.key, defaults, current, userConfig);
+  if (!showSensitive) {
+    for (std::string* text : {&defaults, &current}) {
+      if (text->empty()) continue;
+      rapidjson::Document value;
+      ParseDocument(*text, value);
+      qenconfig::RedactSensitive(args.component, args.group, args.key, value, value.GetAllocator());
+      *text = QenPlatform::CompactJson(value);
+    }
+  }
   if (!json) {
     std::cout << args.Name() << ": " << userConfig << "\n"
               << "default: " << Pretty(defaults) << "\n"
@@ -216,7 +225,9 @@ qenconfig::Registrar reg([](CLI::App& app) {
   static bool json = false;
   AddKeyOptions(get, getArgs);
   get->add_flag("--json", json, "One JSON object: component, group, key, userConfig, default, current");
-  get->callback([] { qenconfig::Exit(qenconfig::Run([] { return Get(getArgs, json); })); });
+  static bool showSensitive = false;
+  get->add_flag("--show-sensitive", showSensitive, "Print values that a schema marks sensitive in clear");
+  get->callback([] { qenconfig::Exit(qenconfig::Run([] { return Get(getArgs, json, showSensitive); })); });
 
   auto* set = app.add_subcommand(
       "set",
