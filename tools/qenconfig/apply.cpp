@@ -101,9 +101,9 @@ std::vector<qenconfig::PlannedDrift> RecordDrift(const rapidjson::Value& desired
 }
 
 rapidjson::Document ReadDesired(const std::string& path) {
-  qenconfig::RequireStore();
   rapidjson::Document desired;
   qenconfig::ReadDesiredDocument(path, desired);
+  qenconfig::RequireStore();
   return desired;
 }
 

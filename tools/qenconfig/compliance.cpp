@@ -62,8 +62,8 @@ qenconfig::Registrar reg([](CLI::App& app) {
   cmd->callback([file, propertyLevel, json] {
     qenconfig::Exit(qenconfig::Run([&] {
       rapidjson::Document desired;
-      qenconfig::RequireStore();
       qenconfig::ReadDesiredDocument(*file, desired);
+      qenconfig::RequireStore();
       QenConfigManager::ComplianceResult result;
       QenConfigManager::CheckCompliance(desired, *propertyLevel, result,
                                         qenconfig::MakeProgressTask("checking compliance"));
