@@ -30,8 +30,10 @@ class SecretsTest : public QenConfigTest {
   // The text of the log and its rotated files.
   std::string Logs() {
     std::string all;
-    for (const std::string& suffix : {"", ".1", ".2", ".3"})
-      if (Exists(std::string(CSLogger::kLogFile) + suffix)) all += ReadFile(CSLogger::kLogFile + suffix);
+    for (const char* suffix : {"", ".1", ".2", ".3"}) {
+      const std::string name = std::string(CSLogger::kLogFile) + suffix;
+      if (Exists(name)) all += ReadFile(name);
+    }
     return all;
   }
 
