@@ -79,7 +79,7 @@ q telemetry --include configManagerQenBiosUuid,configManagerRowCount --index 5 -
 
 section "Single keys: get, set and delete"
 RESOLVER='{"servers": ["192.0.2.53", "192.0.2.54"], "search": ["lab.example"]}'
-"$QEN" --root "$HOST" extract current | python3 -c '
+"$QEN" --root "$HOST" extract current --show-sensitive | python3 -c '
 import json, sys
 doc = json.load(sys.stdin)
 doc["network"]["dns"]["resolver"] = json.loads(sys.argv[1])

@@ -54,7 +54,7 @@ CheckComplianceHandler::~CheckComplianceHandler() = default;
 void CheckComplianceHandler::Add(const rapidjson::Value& desiredValue, const ConfigStoreObjectId&,
                                  const std::shared_ptr<SchemaObject>& schema,
                                  const std::string& path) {
-  CSLogger::Log(2, "ADD drift detected at %s", path.c_str());
+  CSLogger::Log(3, "ADD drift detected at %s", path.c_str());
   Record(*result, "ADDS", path, schema->GetSchemaJson(), {{"desiredValue", &desiredValue}});
 }
 
@@ -62,7 +62,7 @@ void CheckComplianceHandler::Set(const rapidjson::Value& desiredValue,
                                  const rapidjson::Value& hostValue, const ConfigStoreObjectId&,
                                  const std::shared_ptr<SchemaObject>& schema,
                                  const std::string& path, const rapidjson::Value&) {
-  CSLogger::Log(2, "SET drift detected at %s", path.c_str());
+  CSLogger::Log(3, "SET drift detected at %s", path.c_str());
   // Without consolidated actions a Set only comes for a key that the host
   // lacks: it is an addition.
   Record(*result, "ADDS", path, schema->GetSchemaJson(),
@@ -72,7 +72,7 @@ void CheckComplianceHandler::Set(const rapidjson::Value& desiredValue,
 void CheckComplianceHandler::Delete(const rapidjson::Value& hostValue, const ConfigStoreObjectId&,
                                     const std::shared_ptr<SchemaObject>& schema,
                                     const std::string& path) {
-  CSLogger::Log(2, "DELETE drift detected at %s", path.c_str());
+  CSLogger::Log(3, "DELETE drift detected at %s", path.c_str());
   Record(*result, "DELETES", path, schema->GetSchemaJson(), {{"hostValue", &hostValue}});
 }
 
@@ -82,7 +82,7 @@ void CheckComplianceHandler::PropertyDrift(const rapidjson::Value& desiredValue,
                                            const std::string& path, ACTION action) {
   // The installer's own settings differ between hosts by design.
   if (path.find(kInstallerPath) != std::string::npos) return;
-  CSLogger::Log(2, "Property-level drift detected at %s", path.c_str());
+  CSLogger::Log(3, "Property-level drift detected at %s", path.c_str());
 
   const rapidjson::Value* type = &propertySchema["type"];
   if (std::strcmp(type->GetString(), "array") == 0) type = &propertySchema["items"]["type"];

@@ -1,6 +1,7 @@
 // The four plugin operations. Each runs one launcher; a failure of the run
 // (launcher, abort, unreadable result, malformed request) is folded into the
 // result's ErrorInfo and never thrown.
+#include <cstring>
 #include <functional>
 #include <memory>
 
@@ -59,6 +60,11 @@ void Label(ValidationPluginResult& result, const std::string& label) {
   }
 }
 
+class RequestNotWritten : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 template <typename Result>
 Result Run(const Plugin& plugin, const OperationTexts& op, const std::string& context,
            const std::shared_ptr<PluginMonitor>& callerMonitor,
@@ -73,6 +79,10 @@ Result Run(const Plugin& plugin, const OperationTexts& op, const std::string& co
                               op.name, plugin.GetType(), plugin.GetModule());
       const std::string taskId = monitor->GetTaskId();
       launcher.request.Dump(QenPlatform::HostPath(PluginLauncher::kInputFile), taskId, context);
+      // Without its request the runner could only report a bad input.
+      if (const int err = launcher.request.DumpError())
+        throw RequestNotWritten(std::string("Cannot write the plugin request file \"") +
+                                PluginLauncher::kInputFile + "\": " + std::strerror(err));
       launcher.ForkPlugin(monitor);
       Load(result, QenPlatform::HostPath(PluginLauncher::kOutputFile));
       Label(result, plugin.GetSchemaLabel());
@@ -87,6 +97,7 @@ Result Run(const Plugin& plugin, const OperationTexts& op, const std::string& co
       if (op.failedLog) CSLogger::Log(0, op.failedLog, plugin.GetModule().c_str());
       error.msgId = monitor->IsAborted() ? op.aborted : op.unexpected;
       error.args = {plugin.GetId()};
+      if (dynamic_cast<const RequestNotWritten*>(&e)) error.message = e.what();
     }
     return result;
   }

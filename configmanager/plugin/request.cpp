@@ -1,4 +1,5 @@
 // The plugin request document: built by the library, read by the runners.
+#include <cerrno>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -155,11 +156,14 @@ void PluginRequest::Dump(const std::string& path, const std::string& taskId,
   PopulateClusterContext(context);
   const std::string text = QenPlatform::CompactJson(document);
   // The request carries configuration values: a new owner-only file, never
-  // written through a link planted at the path. An unwritable file is not
-  // reported here; the runner then fails on its input.
+  // written through a link planted at the path.
+  dumpError = 0;
   int fd = QenPlatform::CreatePrivateFile(QenPlatform::HostPath(path));
-  if (fd < 0) return;
-  QenPlatform::WriteAll(fd, text.data(), text.size());
+  if (fd < 0) {
+    dumpError = errno;
+    return;
+  }
+  if (!QenPlatform::WriteAll(fd, text.data(), text.size())) dumpError = errno;
   ::close(fd);
 }
 

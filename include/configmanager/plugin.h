@@ -260,7 +260,11 @@ class QCM_EXPORT PluginRequest {
   // symbolic link is never followed. Paths are logical host paths, mapped
   // with QenPlatform::HostPath (a path already below the root is used as it
   // is).
+  // Reports nothing itself (the runner would fail on its input): see
+  // DumpError.
   void Dump(const std::string& path, const std::string& taskId, const std::string& context);
+  // The errno of the last Dump when it could not write its file, else 0.
+  int DumpError() const { return dumpError; }
   // Parses `path`; throws std::runtime_error when it cannot.
   void Load(const std::string& path);
 
@@ -281,6 +285,7 @@ class QCM_EXPORT PluginRequest {
   std::string GetString(const char* member, const char* missing) const;
 
   rapidjson::Document document;
+  int dumpError = 0;
 };
 
 // ---- launcher ---------------------------------------------------------------

@@ -10,6 +10,12 @@
 // fork, and by Flush(). A process that dies by a signal loses its buffered
 // lines. Captures and stderr see every line at once.
 //
+// The file is bounded: a write that finds it at kRotateBytes or more first
+// renames it to "<log>.1" (".1" to ".2", ... up to kRotateKeep old files,
+// all owner-only like the log). Lines above the file verbosity (default 2:
+// no per-key detail) are left out of the file; captures and stderr still
+// see them.
+//
 // Never pass a value that a schema marks sensitive; format untrusted text
 // through "%s", never as the format.
 #pragma once
@@ -21,6 +27,14 @@
 namespace CSLogger {
 
 void Log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Lines with priority <= level go to the file (default kDefaultFileLevel).
+void SetFileVerbosity(int level);
+// The size at which the file is rotated (default kRotateBytes); for tests.
+void SetRotateBytes(size_t bytes);
+constexpr int kDefaultFileLevel = 2;
+constexpr size_t kRotateBytes = size_t(16) << 20;
+constexpr int kRotateKeep = 3;
 
 // Lines with priority <= level also go to stderr; -1 (the default) sends none.
 void SetStderrVerbosity(int level);

@@ -66,8 +66,10 @@ class JsonValidator {
     NESTING_TOO_DEEP = 30,
     UNION_TAG_UNKNOWN = 31,     // discriminator value names no variant
     UNION_TAG_MISSING = 32,     // discriminator member absent
+    DUPLICATE_NAME = 33,        // ValidateCMDocument: an object names this member more than once
+    DUPLICATE_INSTANCE_ID = 34, // two instances of one array share their "instanceId" value
   };
-  static constexpr int kCodeCount = 33;
+  static constexpr int kCodeCount = 35;
   // Deepest nesting of schema applications followed before NESTING_TOO_DEEP.
   static constexpr int kMaxDepth = 1000;
 
@@ -81,6 +83,8 @@ class JsonValidator {
   // "profile") or the profile's content (components); fields are relative to
   // the components. A key whose value is "DELETE_DEFAULT" is not validated;
   // a component, group or key that the schema document lacks is NO_SCHEMA.
+  // Every repeated member name anywhere in `value` is DUPLICATE_NAME at the
+  // path of the member (its later copies would otherwise pass unseen).
   static void ValidateCMDocument(const rapidjson::Value& schemaDoc, const rapidjson::Value& value,
                                  rapidjson::Document& errors, const std::set<int>& codeSet,
                                  const std::string& prefix);

@@ -8,6 +8,9 @@
 // and the text  JSON error:"<file>":<line>: <condition>  instead of aborting.
 #pragma once
 
+#include <functional>
+#include <string>
+
 #ifdef RAPIDJSON_ASSERT
 #error "include QenJson.h before any RapidJSON header"
 #endif
@@ -54,19 +57,42 @@ constexpr unsigned kMaxJsonNesting = 512;
 
 // The outcome of ParseJson.
 struct JsonParseResult {
-  enum Status { kOk, kNotJson, kTooDeep } status = kOk;
+  enum Status { kOk, kNotJson, kTooDeep, kDuplicateName } status = kOk;
   std::string reason;  // unless kOk: what is wrong and at which offset
   explicit operator bool() const { return status == kOk; }
 };
 
+// Whether ParseJson accepts an object that names a member twice. The DOM
+// keeps both copies, but lookups find the first while walks see both, so
+// such a document means different things to different readers: refuse it,
+// unless the caller reports the copies itself (validation).
+enum class DuplicateNames { kRefuse, kKeep };
+
 // The one parse of JSON text that comes from outside: one root value with
-// nothing but white space around it, nesting at most kMaxJsonNesting deep.
-// The reader is iterative, so no text can exhaust the stack. On failure
-// `doc` is left as it was. Reentrant; uses `doc`'s allocator.
-JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& doc);
-inline JsonParseResult ParseJson(const std::string& text, rapidjson::Document& doc) {
-  return ParseJson(text.data(), text.size(), doc);
+// nothing but white space around it, valid UTF-8 throughout (the reason of
+// a failure names the byte offset of the first bad byte), nesting at most
+// kMaxJsonNesting deep, no object naming a member twice (kDuplicateName, the
+// reason names the member and the JSON Pointer of its object) unless
+// `duplicates` is kKeep. The reader is iterative, so no text can exhaust the
+// stack. On failure `doc` is left as it was (a kDuplicateName failure leaves
+// it parsed). Reentrant; uses `doc`'s allocator.
+JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& doc,
+                          DuplicateNames duplicates = DuplicateNames::kRefuse);
+inline JsonParseResult ParseJson(const std::string& text, rapidjson::Document& doc,
+                                 DuplicateNames duplicates = DuplicateNames::kRefuse) {
+  return ParseJson(text.data(), text.size(), doc, duplicates);
 }
+
+// Calls `found` once per member name that an object of `value` holds more
+// than once, with the JSON Pointer (RFC 6901) of that object relative to
+// `value` ("" for `value` itself) and the name; objects in document order,
+// names within one object in byte order. `value` must be nested at most
+// kMaxJsonNesting deep (what ParseJson gives).
+void FindDuplicateNames(const rapidjson::Value& value,
+                        const std::function<void(const std::string& path, const std::string& name)>& found);
+
+// A member name as a JSON Pointer token ("~" and "/" escaped).
+std::string JsonPointerToken(const char* name, size_t length);
 
 // The value as compact JSON text (no white space).
 inline std::string CompactJson(const rapidjson::Value& value) {

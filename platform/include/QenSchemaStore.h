@@ -125,6 +125,12 @@ class SchemaCache {
   // Every schema, ordered by id.
   const std::vector<std::shared_ptr<SchemaObject>>& GetSchemas() const { return schemas_; }
 
+  // Whether any key has a schema in this component (or group of it).
+  bool HasComponent(std::string_view component) const;
+  bool HasGroup(std::string_view component, std::string_view group) const {
+    return FindGroup(component, group).begin != nullptr;
+  }
+
   // Two-step lookup for walks that look up many keys of one group: the
   // group once, then each key. Of equal ids the first in sorted order
   // answers, as GetSchema does. Results stay valid while the cache lives.

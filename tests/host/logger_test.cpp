@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -36,6 +37,7 @@ class LoggerFileTest : public QenTest::HostRootTest {
 };
 
 TEST_F(LoggerFileTest, ProgressWaitsFailuresDoNotAndOrderHolds) {
+  CSLogger::SetFileVerbosity(3);
   CSLogger::Log(2, "progress %d", 1);
   CSLogger::Log(3, "detail %s", "x");
   EXPECT_EQ(LogText(Root()).find("progress 1"), std::string::npos);
@@ -49,6 +51,41 @@ TEST_F(LoggerFileTest, ProgressWaitsFailuresDoNotAndOrderHolds) {
   EXPECT_EQ(LogText(Root()).find("later"), std::string::npos);
   CSLogger::Flush();
   EXPECT_EQ(Count(LogText(Root()), "<2> later\n"), 1u);
+  CSLogger::SetFileVerbosity(CSLogger::kDefaultFileLevel);
+}
+
+TEST_F(LoggerFileTest, DetailStaysOutOfTheFileByDefaultButReachesCaptures) {
+  CSLogger::Log(3, "per-key detail");
+  CSLogger::Log(2, "decision");
+  CSLogger::Flush();
+  const std::string text = LogText(Root());
+  EXPECT_EQ(Count(text, "per-key detail"), 0u);
+  EXPECT_EQ(Count(text, "<2> decision\n"), 1u);
+  EXPECT_TRUE(log_.Contains(3, "per-key detail"));
+}
+
+// The file never grows past the limit by more than one write; old files
+// move up, the oldest beyond the kept number goes, and all stay owner-only.
+TEST_F(LoggerFileTest, FullLogIsRotatedKeepingABoundedNumberOfOldFiles) {
+  CSLogger::SetRotateBytes(4096);
+  const std::string line(100, 'x');
+  for (int i = 0; i < 400; ++i) CSLogger::Log(0, "%04d %s", i, line.c_str());
+  CSLogger::SetRotateBytes(CSLogger::kRotateBytes);
+  const std::string log = CSLogger::kLogFile;
+  for (const std::string& name : {log, log + ".1", log + ".2", log + ".3"}) {
+    EXPECT_EQ(Mode(name), 0600) << name;
+    EXPECT_LT(ReadFile(name).size(), 4096u + 200u) << name;
+  }
+  EXPECT_FALSE(Exists(log + ".4"));
+  // The newest lines are in the log, the ones before them in ".1".
+  EXPECT_EQ(Count(LogText(Root()), "<0> 0399 "), 1u);
+  const std::string previous = ReadFile(log + ".1");
+  const size_t last = previous.rfind("<0> ");
+  ASSERT_NE(last, std::string::npos);
+  const int lastInPrevious = std::stoi(previous.substr(last + 4, 4));
+  char next[32];
+  snprintf(next, sizeof next, "<0> %04d ", lastInPrevious + 1);
+  EXPECT_EQ(Count(LogText(Root()), next), 1u);
 }
 
 // Log lines may name configuration: the log and the directories made for it

@@ -175,7 +175,7 @@ TEST_F(ConventionsTest, ErrorsNameTheUsersPathsAndHowAPluginEnded) {
   Outcome dump = Run({"store", "dump"});
   EXPECT_EQ(dump.exit, 1);
   EXPECT_EQ(dump.err, "error 2001: Configuration store \"" + Path("/var/lib/corvane/configstore/configstore.db") +
-                          "\" does not exist\n");
+                          "\" does not exist: it is not initialised (load a store description first)\n");
 
   // The user's own absolute paths stay as given, whatever they look like.
   Outcome missing = Run({"compliance", "/var/no-such-document.json"});

@@ -80,7 +80,7 @@ TEST_F(PlanApplyTest, ImpactAsTextAndJson) {
             R"("text":"set     network/dns/resolver"},)"
             R"({"id":"corvane.settings.impact.info.reboot","args":[],"text":"reboot required"}]})");
 
-  const std::string current = UserFile("current.json", Run({"extract", "current"}).out);
+  const std::string current = UserFile("current.json", Run({"extract", "current", "--show-sensitive"}).out);
   EXPECT_EQ(Run({"impact", current}).out, "Compliant: applying the document changes nothing.\n");
   EXPECT_EQ(Run({"impact", current, "--json"}).out,
             "{\n   \"compliant\": true,\n   \"impact\": \"NO_IMPACT\",\n"
@@ -88,7 +88,7 @@ TEST_F(PlanApplyTest, ImpactAsTextAndJson) {
 }
 
 TEST_F(PlanApplyTest, PlanOnACompliantHostWritesNoFile) {
-  Outcome plan = Plan(UserFile("current.json", Run({"extract", "current"}).out));
+  Outcome plan = Plan(UserFile("current.json", Run({"extract", "current", "--show-sensitive"}).out));
   EXPECT_EQ(plan.exit, 0) << plan.err;
   EXPECT_EQ(plan.out, "Compliant: the host matches the desired document; no plan written.\n");
   EXPECT_FALSE(Exists("/my.plan"));

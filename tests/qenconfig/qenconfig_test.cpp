@@ -16,7 +16,7 @@ using QenTest::QenConfigTest;
 
 TEST_F(QenConfigTest, ExtractedConfigurationCompliesWithItself) {
   ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
-  Outcome extract = Run({"extract", "current"});
+  Outcome extract = Run({"extract", "current", "--show-sensitive"});
   ASSERT_EQ(extract.exit, 0) << extract.err;
   Outcome check = Run({"compliance", UserFile("current.json", extract.out)});
   EXPECT_EQ(check.exit, 0) << check.err;
@@ -64,9 +64,10 @@ TEST_F(QenConfigTest, FailuresAreUsageOrCodedErrors) {
   EXPECT_EQ(missing.err, "error: cannot read file \"" + Root() + "/absent.json\": No such file or directory\n");
   EXPECT_TRUE(missing.out.empty());
 
-  Outcome garbage = Run({"compliance", UserFile("bad.json", "{\"profile\": ")});
+  const std::string bad = UserFile("bad.json", "{\"profile\": ");
+  Outcome garbage = Run({"compliance", bad});
   EXPECT_EQ(garbage.exit, 1);
-  EXPECT_EQ(garbage.err, "error 2080: Failed to parse JSON String\n");
+  EXPECT_EQ(garbage.err, "error 2080: Failed to parse JSON String \"" + bad + "\": Invalid value. at offset 12\n");
 }
 
 TEST_F(QenConfigTest, ExportPrintsOrWritesTheDocumentAndItsTelemetryForm) {

@@ -69,13 +69,25 @@ TEST_F(SchemaDocumentTest, LaterCallsAddToTheSameDocument) {
   EXPECT_EQ(Errors(), "[]");
 }
 
+// A misspelt component or group is one error, also when it holds nothing;
+// known ones of the wrong type are shape errors.
+TEST_F(SchemaDocumentTest, UnknownComponentsAndGroupsEvenEmptyOnesAreReportedOnce) {
+  Generate(R"({"profle": {}, "network": {"dnss": {}, "dns": {}}, "system": {"time": []}})");
+  Generate(R"({"network": 3})");
+  EXPECT_EQ(Errors(),
+            R"([{"field":"/profle","errId":11,"error":"No schema found for configuration component","errArgs":["profle"]},)"
+            R"({"field":"/network/dnss","errId":11,"error":"No schema found for configuration group","errArgs":["network.dnss"]},)"
+            R"({"field":"/system/time","errId":5,"error":"Group is not an object","errArgs":["system.time"]},)"
+            R"({"field":"/network","errId":5,"error":"Component is not an object","errArgs":["network"]}])");
+}
+
 TEST_F(SchemaDocumentTest, UnknownKeysAndNonObjectsAreReported) {
   Generate(R"({"network": {"dns": {"resolver": {}, "cache": {}}, "a/b": 3},
                "bogus": [], "system": {"time": {"ntp": {}}}})");
   EXPECT_EQ(Errors(),
             R"([{"field":"/network/dns/cache","errId":11,"error":"No schema found for configuration key","errArgs":["network.dns.cache"]},)"
-            R"({"field":"/network/a~1b","errId":5,"error":"Group is not an object","errArgs":["network.a/b"]},)"
-            R"({"field":"/bogus","errId":5,"error":"Component is not an object","errArgs":["bogus"]}])");
+            R"({"field":"/network/a~1b","errId":11,"error":"No schema found for configuration group","errArgs":["network.a/b"]},)"
+            R"({"field":"/bogus","errId":11,"error":"No schema found for configuration component","errArgs":["bogus"]}])");
   EXPECT_TRUE(Profile()["properties"]["system"]["properties"]["time"]["properties"].HasMember("ntp"));
   EXPECT_FALSE(Profile()["properties"]["network"]["properties"]["dns"]["properties"].HasMember("cache"));
 }

@@ -256,7 +256,8 @@ TEST_F(StoreDurabilityTest, CorruptOrMissingDatabaseIsAClearError) {
   ::unlink(Path(std::string(kDatabasePath) + "-wal").c_str());
   ::unlink(Path(std::string(kDatabasePath) + "-shm").c_str());
   EXPECT_EQ(Failure([] { GetDBStore(0, false); }),
-            "2001: Configuration store \"/var/lib/corvane/configstore/configstore.db\" does not exist");
+            "2001: Configuration store \"/var/lib/corvane/configstore/configstore.db\" does not exist: it is "
+            "not initialised (load a store description first)");
 
   WriteFile(kDatabasePath, std::string(8192, 'x'), 0600);
   EXPECT_EQ(Failure([] { GetDBStore(0, true); }),

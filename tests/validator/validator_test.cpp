@@ -298,12 +298,36 @@ TEST(ValidateCMDocument, BrokenKeySchemaIsAttributedToItsKey) {
             R"("errArgs":["#/properties/profile/properties/system/properties/time/properties/ntp/properties/servers/type","\"type\" must be a type name or a non-empty array of type names"]}])");
 }
 
+TEST(ValidateCMDocument, RepeatedNamesAndInstanceIdentifiersAreErrorsInEveryCodeSet) {
+  rapidjson::Document schemaDoc = Parse(R"({"properties": {"profile": {"properties": {
+    "network": {"properties": {"dns": {"properties": {
+      "resolver": {"type": "object", "properties": {"servers": {"type": "array"}}},
+      "hosts": {"type": "array", "instanceId": "name", "items": {"type": "object"}}}}}}}}}})");
+  // A repeated key (its second copy would pass unseen), a repeated property
+  // inside a value, and instances sharing "a" (twice) and 7; "b" and "7" differ.
+  const char* content = R"({"network": {"dns": {
+    "resolver": {"servers": [], "servers": ["x"]},
+    "hosts": [{"name": "a"}, {"name": "b"}, {"name": "a"}, {"name": 7}, {"name": "7"}, {"name": 7}, {"name": "a"}],
+    "resolver": {}}}})";
+  const std::string expected =
+      R"([{"field":"/network/dns/resolver","errId":33,"error":"member name \"resolver\" appears more than once","errArgs":["resolver"]},)"
+      R"({"field":"/network/dns/resolver/servers","errId":33,"error":"member name \"servers\" appears more than once","errArgs":["servers"]},)"
+      R"({"field":"/network/dns/hosts/2/name","errId":34,"error":"instance identifier \"a\" is also used by instance 0","errArgs":["\"a\"","0"]},)"
+      R"({"field":"/network/dns/hosts/5/name","errId":34,"error":"instance identifier 7 is also used by instance 3","errArgs":["7","3"]},)"
+      R"({"field":"/network/dns/hosts/6/name","errId":34,"error":"instance identifier \"a\" is also used by instance 0","errArgs":["\"a\"","0"]}])";
+  for (const std::set<int>& codes : {kDocumentCodes, kCsoCodes, kAutoconfCodes}) {
+    rapidjson::Document errors;
+    V::ValidateCMDocument(schemaDoc, Parse(content), errors, codes, "");
+    EXPECT_EQ(Compact(errors), expected);
+  }
+}
+
 TEST(ConvertErrorCodeToMsgId, NamesEveryCodeAndFallsBackForUnknownOnes) {
   EXPECT_EQ(V::ConvertErrorCodeToMsgId(V::REQUIRED_PROPERTY_MISSING),
             "corvane.qen.settings.schema.required-property-missing");
   EXPECT_EQ(V::ConvertErrorCodeToMsgId(V::UNION_TAG_MISSING), "corvane.qen.settings.schema.union-tag-missing");
   EXPECT_EQ(V::ConvertErrorCodeToMsgId(V::ADDITIONAL_PROPERTY), "corvane.qen.settings.schema.additional-property");
-  EXPECT_EQ(V::ConvertErrorCodeToMsgId(33), "corvane.qen.settings.schema.unknown-error");
+  EXPECT_EQ(V::ConvertErrorCodeToMsgId(V::kCodeCount), "corvane.qen.settings.schema.unknown-error");
   EXPECT_EQ(V::ConvertErrorCodeToMsgId(-1), "corvane.qen.settings.schema.unknown-error");
   std::set<std::string> ids;
   for (int code = 0; code < V::kCodeCount; ++code) ids.insert(V::ConvertErrorCodeToMsgId(code));

@@ -85,7 +85,8 @@ std::vector<qenconfig::PlannedDrift> RecordDrift(const rapidjson::Value& desired
 
 rapidjson::Document ReadDesired(const std::string& path) {
   rapidjson::Document desired;
-  ParseDocument(qenconfig::ReadUserFile(path), desired);
+  qenconfig::ReadDesiredDocument(path, desired);
+  qenconfig::RequireStore();
   return desired;
 }
 

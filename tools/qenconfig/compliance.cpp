@@ -87,7 +87,8 @@ qenconfig::Registrar reg([](CLI::App& app) {
   cmd->callback([file, propertyLevel] {
     qenconfig::Exit(qenconfig::Run([&] {
       rapidjson::Document desired;
-      QenConfigManager::ParseDocument(qenconfig::ReadUserFile(*file), desired);
+      qenconfig::ReadDesiredDocument(*file, desired);
+      qenconfig::RequireStore();
       QenConfigManager::ComplianceResult result;
       QenConfigManager::CheckCompliance(desired, *propertyLevel, result,
                                         qenconfig::MakeProgressTask("checking compliance"));

@@ -16,9 +16,8 @@ qenconfig::Registrar reg([](CLI::App& app) {
   fmt->add_option("FILE", *file, "JSON file (a path on this machine)")->required();
   fmt->callback([file] {
     qenconfig::Exit(qenconfig::Run([&] {
-      const std::string text = qenconfig::ReadUserFile(*file);
       rapidjson::Document document;
-      QenConfigManager::ParseDocument(text, document);
+      qenconfig::ReadUserDocument(*file, document);
       qenconfig::PrintJson(document);
       return qenconfig::kOk;
     }));

@@ -19,6 +19,7 @@ int Export(const ExportOptions& options) {
   // The export runs the extract plugins and takes no task handle: a stop
   // takes effect once it returns.
   qenconfig::CatchInterrupts();
+  qenconfig::RequireStore();
   const std::string text = options.telemetry ? ExportDocumentTelemetry() : ExportDocument();
   qenconfig::ExitIfInterrupted();
   if (!options.file.empty()) {

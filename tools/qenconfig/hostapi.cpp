@@ -67,9 +67,18 @@ void PrintChange(const ChangeArgs& args, const ImpactResult* impact, const char*
   qenconfig::PrintJson(out);
 }
 
-int Get(const KeyArgs& args) {
+int Get(const KeyArgs& args, bool showSensitive) {
   std::string defaults, current, userConfig;
   GetConfig(args.component, args.group, args.key, defaults, current, userConfig);
+  if (!showSensitive) {
+    for (std::string* text : {&defaults, &current}) {
+      if (text->empty()) continue;
+      rapidjson::Document value;
+      ParseDocument(*text, value);
+      qenconfig::RedactSensitive(args.component, args.group, args.key, value, value.GetAllocator());
+      *text = QenPlatform::CompactJson(value);
+    }
+  }
   if (!qenconfig::JsonOutput()) {
     std::cout << args.Name() << ": " << userConfig << "\n"
               << "default: " << Pretty(defaults) << "\n"
@@ -250,7 +259,9 @@ qenconfig::Registrar reg([](CLI::App& app) {
   get->footer(
       "JSON: {\"component\": string, \"group\": string, \"key\": string, \"userConfig\": string,\n"
       "\"default\": value|null, \"current\": value|null}.");
-  get->callback([] { qenconfig::Exit(qenconfig::Run([] { return Get(getArgs); })); });
+  static bool showSensitive = false;
+  get->add_flag("--show-sensitive", showSensitive, "Print values that a schema marks sensitive in clear");
+  get->callback([] { qenconfig::Exit(qenconfig::Run([] { return Get(getArgs, showSensitive); })); });
 
   auto* set = app.add_subcommand(
       "set",

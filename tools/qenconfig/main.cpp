@@ -14,7 +14,12 @@
 #include "Progress.h"
 #include "HostFiles.h"
 #include "HostRoot.h"
+#include "ConfigStoreDocument.h"
+#include "JsonValidator.h"
+#include "QenConfigStore.h"
+#include "QenSchemaStore.h"
 #include "configmanager/common.h"
+#include "configmanager/validate.h"
 
 namespace qenconfig {
 namespace {
@@ -140,6 +145,87 @@ std::string ReadUserFile(const std::string& path) {
   return text;
 }
 
+void ReadUserDocument(const std::string& path, rapidjson::Document& doc,
+                      QenPlatform::DuplicateNames duplicates) {
+  const std::string text = ReadUserFile(path);
+  const QenPlatform::JsonParseResult parsed = QenPlatform::ParseJson(text, doc, duplicates);
+  if (!parsed) {
+    QenConfigStore::ConfigStoreException e(
+        QenConfigManager::PARSE_ERROR,
+        ("Failed to parse JSON String \"" + path + "\": " + parsed.reason).c_str());
+    e.AddArg(path);
+    e.AddArg(parsed.reason);
+    throw e;
+  }
+}
+
+const char* JsonTypeName(const rapidjson::Value& value) {
+  static const char* const kNames[] = {"null", "boolean", "boolean", "object", "array", "string", "number"};
+  return kNames[value.GetType()];
+}
+
+void ReadDesiredDocument(const std::string& path, rapidjson::Document& doc) {
+  ReadUserDocument(path, doc);
+  // Shape problems and keys without a schema would otherwise surface deep in
+  // the comparison as a bare JSON error, or pass as "nothing desired here".
+  auto refuse = [&path](const std::string& at, const std::string& what) {
+    QenConfigStore::ConfigStoreException e(
+        QenConfigManager::INVALID_KEY_VALUE,
+        ("Invalid value for key " + (at.empty() ? std::string("/") : at) + " in \"" + path + "\": " + what)
+            .c_str());
+    e.AddArg(at);
+    e.AddArg(path);
+    throw e;
+  };
+  if (!doc.IsObject()) refuse("", std::string("expected object, found ") + JsonTypeName(doc));
+  auto schema = QenConfigManager::GenerateHostDocumentSchema(doc);
+  if (auto* errors = std::get_if<std::vector<QenConfigManager::ValidationErrorInfo>>(&schema)) {
+    std::sort(errors->begin(), errors->end(),
+              [](const auto& a, const auto& b) { return a.path < b.path; });
+    const auto& first = errors->front();
+    std::string what = "no schema";
+    if (!first.messages.empty()) {
+      const std::string& id = first.messages.front().msgId;
+      what = id.substr(id.rfind('.') + 1);
+      for (const std::string& arg : first.messages.front().args) what += " " + arg;
+    }
+    refuse(first.path, what);
+  }
+  const rapidjson::Value* value = &doc;
+  if (doc.IsObject() && doc.HasMember("profile")) value = &doc["profile"];
+  rapidjson::Document errors(rapidjson::kArrayType);
+  JsonValidator::ValidateCMDocument(std::get<rapidjson::Document>(schema), *value, errors,
+                                    QenConfigManager::DOCUMENT_CODE_SET, "");
+  for (const rapidjson::Value& error : errors.GetArray()) {
+    const int code = error["errId"].GetInt();
+    if (code == JsonValidator::TYPE_MISMATCH || code == JsonValidator::DUPLICATE_INSTANCE_ID)
+      refuse(error["field"].GetString(), error["error"].GetString());
+  }
+}
+
+void RedactSensitive(const std::string& component, const std::string& group, const std::string& key,
+                     rapidjson::Value& value, rapidjson::Document::AllocatorType& allocator) {
+  const auto cache = QenSchemaStore::SchemaStore::GetCache();
+  const auto schema = cache ? cache->GetSchema(component, group, key) : nullptr;
+  if (schema)
+    ConfigStoreDocument::CleanupObject(value, schema->GetSchemaJson(), {ConfigStoreDocument::REDACT_SENSITIVE},
+                                       allocator);
+}
+
+void RedactSensitive(rapidjson::Value& components, rapidjson::Document::AllocatorType& allocator) {
+  if (!components.IsObject()) return;
+  for (auto& c : components.GetObject()) {
+    if (!c.value.IsObject()) continue;
+    for (auto& g : c.value.GetObject()) {
+      if (!g.value.IsObject()) continue;
+      for (auto& k : g.value.GetObject())
+        RedactSensitive(c.name.GetString(), g.name.GetString(), k.name.GetString(), k.value, allocator);
+    }
+  }
+}
+
+void RequireStore() { QenConfigStore::GetDBStore(DBStore::USER, false); }
+
 void WriteUserFile(const std::string& path, const std::string& text) {
   if (!QenPlatform::ReplaceFile(path, text, 0600))
     throw std::runtime_error("cannot write file \"" + path + "\": " + std::strerror(errno));
@@ -262,7 +348,11 @@ int main(int argc, char** argv) {
       ->excludes(quiet);
   app.add_option("-v,--verbosity", verbosity, "Copy log lines up to this priority (0-3, 3: per-key detail) to stderr")
       ->type_name("LEVEL")
-      ->each([](const std::string& v) { CSLogger::SetStderrVerbosity(std::stoi(v)); })
+      ->each([](const std::string& v) {
+        CSLogger::SetStderrVerbosity(std::stoi(v));
+        // What is asked for on stderr is also kept in the log.
+        CSLogger::SetFileVerbosity(std::max(CSLogger::kDefaultFileLevel, std::stoi(v)));
+      })
       ->check(CLI::Range(-1, 3));
   for (auto& add : qenconfig::Registry()) add(app);
   // Set after the commands so that they do not inherit it.

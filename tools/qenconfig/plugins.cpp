@@ -50,6 +50,20 @@ qenconfig::Registrar reg([](CLI::App& app) {
       const std::string schemaDir = schemas->empty() ? QenPlatform::HostPath(kSchemas) : *schemas;
       rapidjson::Document report(rapidjson::kArrayType);
       ValidateAllPlugins(manifests, schemaDir, report);
+      // The host's manifests must also give an apply order: a dependency
+      // cycle passes every manifest's schema but fails every apply.
+      if (dir->empty() && report.Empty()) {
+        for (auto type : {QenConfigManager::PLUGIN_APPLY, QenConfigManager::PLUGIN_APPLY_BOOT}) {
+          try {
+            QenConfigManager::PluginManager manager(type);
+          } catch (const QenConfigStore::ConfigStoreException& e) {
+            rapidjson::Value message(("error " + std::to_string(e.GetErrorCode()) + ": " + e.what()).c_str(),
+                                     report.GetAllocator());
+            AddValidationError(report, manifests, message);
+            break;
+          }
+        }
+      }
       if (qenconfig::JsonOutput()) {
         qenconfig::PrintJson(report);
       } else if (report.Empty()) {

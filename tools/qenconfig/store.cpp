@@ -6,9 +6,57 @@
 #include <iostream>
 
 #include "Commands.h"
+#include "JsonValidator.h"
 #include "QenConfigStore.h"
+#include "QenSchemaStore.h"
+#include "configmanager/validate.h"
 
 namespace {
+
+// Every configuration value of the host's sections must have its key's
+// schema and satisfy it: extraction reads them later and would fail on them
+// then. Nothing is loaded unless all pass; the refusal names the file, the
+// value's path in it and what is wrong.
+void RequireSchemas(const rapidjson::Value& description, const std::string& file) {
+  auto host = description.IsObject() ? description.FindMember("host") : description.MemberEnd();
+  if (!description.IsObject() || host == description.MemberEnd() || !host->value.IsObject()) return;
+  const auto cache = QenSchemaStore::SchemaStore::GetCache();
+  std::vector<std::string> problems;
+  for (const char* section : {"defaults", "current", "vital", "cached", "desired"}) {
+    auto values = host->value.FindMember(section);
+    if (values == host->value.MemberEnd() || !values->value.IsObject()) continue;
+    const std::string base = std::string("/host/") + section;
+    for (const auto& c : values->value.GetObject()) {
+      if (!c.value.IsObject()) continue;  // the loader names shape errors
+      for (const auto& g : c.value.GetObject()) {
+        if (!g.value.IsObject()) continue;
+        for (const auto& k : g.value.GetObject()) {
+          const std::string comp = c.name.GetString(), grp = g.name.GetString(), key = k.name.GetString();
+          const std::string path = base + "/" + QenPlatform::JsonPointerToken(comp.data(), comp.size()) + "/" +
+                                   QenPlatform::JsonPointerToken(grp.data(), grp.size()) + "/" +
+                                   QenPlatform::JsonPointerToken(key.data(), key.size());
+          auto schema = cache ? cache->GetSchema(comp, grp, key) : nullptr;
+          if (!schema) {
+            problems.push_back(path + ": no schema for " + comp + "." + grp + "." + key);
+            continue;
+          }
+          if (k.value.IsString() && std::string(k.value.GetString()) == "DELETE_DEFAULT") continue;
+          rapidjson::Document errors(rapidjson::kArrayType);
+          JsonValidator::Validate(schema->GetSchemaJson(), k.value, errors, QenConfigManager::AUTOCONF_CODE_SET,
+                                  path);
+          for (const auto& e : errors.GetArray())
+            problems.push_back(std::string(e["field"].GetString()) + ": " + e["error"].GetString());
+        }
+      }
+    }
+  }
+  if (problems.empty()) return;
+  std::string message = "Store description \"" + file + "\" was not loaded: " + problems.front();
+  if (problems.size() > 1) message += " (and " + std::to_string(problems.size() - 1) + " more)";
+  QenConfigStore::ConfigStoreException e(QenConfigStore::STORE_BAD_VALUE, message.c_str());
+  for (const std::string& p : problems) e.AddArg(p);
+  throw e;
+}
 
 qenconfig::Registrar reg([](CLI::App& app) {
   auto* store = app.add_subcommand("store", "Seed and inspect the configuration store");
@@ -26,6 +74,7 @@ qenconfig::Registrar reg([](CLI::App& app) {
         throw qenconfig::UserError(
             QenConfigStore::STORE_BAD_VALUE,
             ("Store description \"" + file + "\" is not valid JSON: " + parsed.reason).c_str());
+      RequireSchemas(doc, file);
       QenConfigStore::LoadStoreDescription(doc);
       qenconfig::PrintDone("Store loaded from " + file + ".");
       return 0;
@@ -33,11 +82,21 @@ qenconfig::Registrar reg([](CLI::App& app) {
   });
 
   auto* dump = store->add_subcommand("dump", "Print the store's content as a store description");
+  static bool showSensitive = false;
+  dump->add_flag("--show-sensitive", showSensitive, "Print values that a schema marks sensitive in clear");
   dump->footer("The store description is JSON whatever the --output format.");
   dump->callback([] {
     qenconfig::Exit(qenconfig::Run([] {
       QenConfigStore::GetDBStore(DBStore::USER, false);  // a missing store is an error, not created
-      qenconfig::PrintJson(QenConfigStore::DumpStoreDescription()->GetDocument());
+      auto dumped = QenConfigStore::DumpStoreDescription();
+      rapidjson::Document& doc = dumped->GetDocument();
+      if (!showSensitive) {
+        for (const char* scope : {"host", "smartnic"}) {
+          for (const char* section : {"defaults", "current", "vital", "cached", "autoconf", "desired"})
+            qenconfig::RedactSensitive(doc[scope][section], doc.GetAllocator());
+        }
+      }
+      qenconfig::PrintJson(doc);
       return 0;
     }));
   });

@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "Commands.h"
+#include "JsonValidator.h"
 #include "Progress.h"
 #include "configmanager/extract.h"
 #include "configmanager/validate.h"
@@ -34,11 +35,17 @@ void PrintJson(const ValidationResult& result) {
 
 int ValidateFile(const std::string& path) {
   rapidjson::Document doc;
-  ParseDocument(qenconfig::ReadUserFile(path), doc);
+  // Duplicate member names are validation errors at their path, not a parse failure.
+  qenconfig::ReadUserDocument(path, doc, QenPlatform::DuplicateNames::kKeep);
   ValidationResult result;
   auto task = qenconfig::MakeProgressTask("validating");
-  auto schema = GenerateHostDocumentSchema(doc);
-  if (auto* errors = std::get_if<std::vector<ValidationErrorInfo>>(&schema)) {
+  // The library takes only objects; anything else is this file's error.
+  if (!doc.IsObject()) {
+    result.errors.emplace_back(
+        "", std::vector<ErrorInfo>{ErrorInfo(JsonValidator::ConvertErrorCodeToMsgId(JsonValidator::TYPE_MISMATCH),
+                                             {"object", qenconfig::JsonTypeName(doc)})});
+  } else if (auto schema = GenerateHostDocumentSchema(doc);
+             auto* errors = std::get_if<std::vector<ValidationErrorInfo>>(&schema)) {
     result.errors = std::move(*errors);
   } else {
     Validate(doc, std::get<rapidjson::Document>(schema), "", result, true, task);
@@ -65,12 +72,14 @@ int ValidateFile(const std::string& path) {
   return result.errors.empty() ? qenconfig::kOk : qenconfig::kNotCompliant;
 }
 
-int Extract(const std::string& which) {
+int Extract(const std::string& which, bool showSensitive) {
   // Extraction takes no task handle: a stop takes effect once it returns.
   qenconfig::CatchInterrupts();
+  qenconfig::RequireStore();
   std::shared_ptr<QenConfigStore::JsonDoc> doc =
       which == "current" ? ExtractCurrentConfiguration() : ExtractDesiredConfiguration();
   qenconfig::ExitIfInterrupted();
+  if (!showSensitive) qenconfig::RedactSensitive(doc->GetDocument(), doc->GetDocument().GetAllocator());
   qenconfig::PrintJson(doc->GetDocument());
   return qenconfig::kOk;
 }
@@ -95,7 +104,11 @@ qenconfig::Registrar reg([](CLI::App& app) {
       ->required()
       ->check(CLI::IsMember({"current", "desired"}));
   extract->footer("The document is JSON whatever the --output format.");
-  extract->callback([which] { qenconfig::Exit(qenconfig::Run([&] { return Extract(*which); })); });
+  static bool showSensitive = false;
+  extract->add_flag("--show-sensitive", showSensitive, "Print values that a schema marks sensitive in clear");
+  extract->callback([which] {
+    qenconfig::Exit(qenconfig::Run([&] { return Extract(*which, showSensitive); }));
+  });
 });
 
 }  // namespace

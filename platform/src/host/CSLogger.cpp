@@ -29,6 +29,8 @@ constexpr time_t kBufferSeconds = 1;
 struct LoggerState {
   std::mutex mutex;
   int stderrLevel = -1;
+  int fileLevel = kDefaultFileLevel;
+  size_t rotateBytes = kRotateBytes;
   std::vector<Capture*> captures;
   std::string openPath;
   int fd = -1;
@@ -46,9 +48,36 @@ LoggerState& State() {
   return *state;
 }
 
+int OpenLog(const std::string& path) {
+  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+  if (fd >= 0) fchmod(fd, 0600);
+  return fd;
+}
+
+// Keeps the log bounded: past the size limit the file becomes "<log>.1",
+// older ones move up one, the oldest beyond kRotateKeep goes. Several
+// processes share the file: one that finds the path already rotated by
+// another (a different file there) only reopens it.
+void RotateIfFull(LoggerState& s) {
+  struct stat opened, named;
+  if (fstat(s.fd, &opened) != 0 || static_cast<size_t>(opened.st_size) < s.rotateBytes) return;
+  if (stat(s.openPath.c_str(), &named) == 0 && named.st_ino == opened.st_ino && named.st_dev == opened.st_dev) {
+    for (int i = kRotateKeep - 1; i >= 1; --i)
+      rename((s.openPath + "." + std::to_string(i)).c_str(), (s.openPath + "." + std::to_string(i + 1)).c_str());
+    rename(s.openPath.c_str(), (s.openPath + ".1").c_str());
+  }
+  const int fd = OpenLog(s.openPath);
+  if (fd < 0) return;  // keep writing where we were rather than lose lines
+  close(s.fd);
+  s.fd = fd;
+}
+
 // Writes the buffered lines; the caller holds the mutex.
 void WritePending(LoggerState& s) {
-  if (s.fd >= 0) QenPlatform::WriteAll(s.fd, s.pending.data(), s.pending.size());
+  if (s.fd >= 0 && !s.pending.empty()) {
+    RotateIfFull(s);
+    QenPlatform::WriteAll(s.fd, s.pending.data(), s.pending.size());
+  }
   s.pending.clear();
 }
 
@@ -78,8 +107,7 @@ void OpenFile(LoggerState& s) {
   // Log lines may name configuration: the log and its directory are the
   // owner's, whatever the umask.
   QenPlatform::MakeDirectories(path.substr(0, path.rfind('/')), 0700);
-  s.fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-  if (s.fd >= 0) fchmod(s.fd, 0600);
+  s.fd = OpenLog(path);
 }
 
 const std::string& Stamp(LoggerState& s, time_t now) {
@@ -144,7 +172,7 @@ void Log(int priority, const char* format, ...) {
   LoggerState& s = State();
   std::lock_guard<std::mutex> lock(s.mutex);
   for (Capture* c : s.captures) c->lines_.emplace_back(priority, text);
-  WriteToFile(s, priority, text);
+  if (priority <= s.fileLevel) WriteToFile(s, priority, text);
   if (priority <= s.stderrLevel) fprintf(stderr, "<%d> %s\n", priority, text.c_str());
 }
 
@@ -152,6 +180,18 @@ void Flush() {
   LoggerState& s = State();
   std::lock_guard<std::mutex> lock(s.mutex);
   WritePending(s);
+}
+
+void SetFileVerbosity(int level) {
+  LoggerState& s = State();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.fileLevel = level;
+}
+
+void SetRotateBytes(size_t bytes) {
+  LoggerState& s = State();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.rotateBytes = bytes;
 }
 
 void SetStderrVerbosity(int level) {

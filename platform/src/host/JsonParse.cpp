@@ -1,6 +1,10 @@
 // The depth-limited parse of outside JSON text. Carried by plugins: it needs
 // nothing but RapidJSON.
+#include <algorithm>
+#include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "QenJson.h"
 
@@ -40,16 +44,78 @@ class NestingLimit {
   unsigned depth_ = 0;
 };
 
+typedef std::function<void(const std::string&, const std::string&)> DuplicateFound;
+
+// `path` is the pointer of `value`; extended in place while descending.
+void FindDuplicates(const rapidjson::Value& value, std::string& path, const DuplicateFound& found) {
+  if (value.IsArray()) {
+    size_t index = 0;
+    for (const rapidjson::Value& element : value.GetArray()) {
+      const size_t length = path.size();
+      path += '/';
+      path += std::to_string(index++);
+      FindDuplicates(element, path, found);
+      path.resize(length);
+    }
+    return;
+  }
+  if (!value.IsObject()) return;
+  if (value.MemberCount() > 1) {
+    typedef std::pair<const char*, rapidjson::SizeType> Name;
+    std::vector<Name> names;
+    names.reserve(value.MemberCount());
+    for (const auto& member : value.GetObject())
+      names.emplace_back(member.name.GetString(), member.name.GetStringLength());
+    auto less = [](const Name& a, const Name& b) {
+      const int c = std::memcmp(a.first, b.first, std::min(a.second, b.second));
+      return c != 0 ? c < 0 : a.second < b.second;
+    };
+    std::sort(names.begin(), names.end(), less);
+    for (size_t i = 1; i < names.size(); ++i) {
+      const bool same = !less(names[i - 1], names[i]);
+      const bool firstRepeat = i < 2 || less(names[i - 2], names[i - 1]);
+      if (same && firstRepeat) found(path, std::string(names[i].first, names[i].second));
+    }
+  }
+  for (const auto& member : value.GetObject()) {
+    const size_t length = path.size();
+    path += '/';
+    path += JsonPointerToken(member.name.GetString(), member.name.GetStringLength());
+    FindDuplicates(member.value, path, found);
+    path.resize(length);
+  }
+}
+
 }  // namespace
 
-JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& doc) {
+std::string JsonPointerToken(const char* name, size_t length) {
+  std::string out;
+  out.reserve(length);
+  for (size_t i = 0; i < length; ++i) {
+    if (name[i] == '~')
+      out += "~0";
+    else if (name[i] == '/')
+      out += "~1";
+    else
+      out += name[i];
+  }
+  return out;
+}
+
+void FindDuplicateNames(const rapidjson::Value& value, const DuplicateFound& found) {
+  std::string path;
+  FindDuplicates(value, path, found);
+}
+
+JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& doc,
+                          DuplicateNames duplicates) {
   JsonParseResult result;
   auto generate = [&](rapidjson::Document& target) {
     rapidjson::MemoryStream memory(text, size);
     rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> stream(memory);
     NestingLimit handler(target);
     rapidjson::Reader reader;
-    reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
+    reader.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag>(stream, handler);
     const std::string offset = " at offset " + std::to_string(reader.GetErrorOffset());
     if (handler.tooDeep) {
       result = {JsonParseResult::kTooDeep,
@@ -66,6 +132,13 @@ JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& do
     return static_cast<bool>(result);
   };
   doc.Populate(generate);
+  if (result && duplicates == DuplicateNames::kRefuse) {
+    FindDuplicateNames(doc, [&](const std::string& path, const std::string& name) {
+      if (result)
+        result = {JsonParseResult::kDuplicateName,
+                  "duplicate member name \"" + name + "\" in the object at \"" + path + "\""};
+    });
+  }
   return result;
 }
 

@@ -47,18 +47,7 @@ void AddError(rapidjson::Document& errors, const std::string& field, int errId,
 std::string Name(const Value& name) { return std::string(name.GetString(), name.GetStringLength()); }
 
 // A member name as a JSON Pointer token, the form the validator's fields use.
-std::string Token(const std::string& name) {
-  std::string out;
-  for (char ch : name) {
-    if (ch == '~')
-      out += "~0";
-    else if (ch == '/')
-      out += "~1";
-    else
-      out += ch;
-  }
-  return out;
-}
+std::string Token(const std::string& name) { return QenPlatform::JsonPointerToken(name.data(), name.size()); }
 
 void SetHostSection(rapidjson::Document& schemaDoc, const char* section) {
   Allocator& alloc = schemaDoc.GetAllocator();
@@ -94,12 +83,23 @@ void GenerateSchemaDocument(const Value& value, const std::shared_ptr<SchemaCach
   Value& components = schemaDoc["properties"]["profile"]["properties"];
   for (const auto& component : value.GetObject()) {
     const std::string c = Name(component.name);
+    // A misspelt component or group is one error, also when it is empty
+    // (it would otherwise pass and leave the host's keys undesired).
+    if (cache && !cache->HasComponent(c)) {
+      AddError(errorsDoc, "/" + Token(c), kUnknownKeyErrId, "No schema found for configuration component", c);
+      continue;
+    }
     if (!component.value.IsObject()) {
       AddError(errorsDoc, "/" + Token(c), kNotAnObjectErrId, "Component is not an object", c);
       continue;
     }
     for (const auto& group : component.value.GetObject()) {
       const std::string g = Name(group.name);
+      if (cache && !cache->HasGroup(c, g)) {
+        AddError(errorsDoc, "/" + Token(c) + "/" + Token(g), kUnknownKeyErrId,
+                 "No schema found for configuration group", c + "." + g);
+        continue;
+      }
       if (!group.value.IsObject()) {
         AddError(errorsDoc, "/" + Token(c) + "/" + Token(g), kNotAnObjectErrId, "Group is not an object",
                  c + "." + g);

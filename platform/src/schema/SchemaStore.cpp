@@ -300,6 +300,12 @@ SchemaCache::SchemaCache(std::vector<std::shared_ptr<SchemaObject>> schemas)
   }
 }
 
+bool SchemaCache::HasComponent(std::string_view component) const {
+  for (const Group& g : groups_)
+    if (g.component == component) return true;
+  return false;
+}
+
 GroupFacts SchemaCache::FindGroup(std::string_view component, std::string_view group,
                                   const GroupFacts* previous) const {
   auto facts = [this](size_t i) {

@@ -244,7 +244,9 @@ std::shared_ptr<DBStore::StoreConnection> GetDBStore(DBStore::Type type, bool cr
   const std::string physical = QenPlatform::HostPath(kDatabasePath);
   struct stat st;
   if (::stat(physical.c_str(), &st) != 0) {
-    if (!create) Fail(STORE_OPEN_FAILED, "Configuration store " + DbName() + " does not exist");
+    if (!create)
+      Fail(STORE_OPEN_FAILED, "Configuration store " + DbName() +
+                                  " does not exist: it is not initialised (load a store description first)");
     CreateDatabaseFile(physical);
   } else if (!S_ISREG(st.st_mode)) {
     Fail(STORE_OPEN_FAILED, "Configuration store " + DbName() + " is not a regular file");

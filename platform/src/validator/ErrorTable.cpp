@@ -41,6 +41,8 @@ const CodeInfo kCodes[JsonValidator::kCodeCount] = {
     {"nesting-too-deep", "value nested deeper than %s levels"},
     {"union-tag-unknown", "union tag \"%s\" has the unknown value %s; expected one of %s"},
     {"union-tag-missing", "union tag \"%s\" is missing"},
+    {"duplicate-name", "member name \"%s\" appears more than once"},
+    {"duplicate-instance-id", "instance identifier %s is also used by instance %s"},
 };
 
 }  // namespace

@@ -115,6 +115,10 @@ void JsonValidator::ValidateCMDocument(const rapidjson::Value& schemaDoc,
     }
   };
   if (!container(*components)) return;
+  QenPlatform::FindDuplicateNames(*components, [&engine](const std::string& path, const std::string& name) {
+    if (engine.Fails(DUPLICATE_NAME))
+      engine.EmitAt(path + "/" + QenPlatform::JsonPointerToken(name.data(), name.size()), DUPLICATE_NAME, {name});
+  });
   const rapidjson::Value* componentProps = Member(componentsSchema, "properties");
   for (auto& component : components->GetObject()) {
     engine.PushName({component.name.GetString(), component.name.GetStringLength()});

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <unordered_map>
 #include <utility>
 
 #include "ErrorTable.h"
@@ -228,7 +229,7 @@ bool Engine::Fails(int code) {
 }
 
 void Engine::Emit(int code, std::vector<std::string> args, std::string_view member) {
-  std::string field = prefix_;
+  std::string field;
   for (const Segment& s : path_) {
     if (s.index == kNoIndex) {
       AppendToken(field, s.name);
@@ -238,7 +239,11 @@ void Engine::Emit(int code, std::vector<std::string> args, std::string_view memb
     }
   }
   if (!member.empty()) AppendToken(field, member);
+  EmitAt(field, code, std::move(args));
+}
 
+void Engine::EmitAt(const std::string& pointer, int code, std::vector<std::string> args) {
+  const std::string field = prefix_ + pointer;
   auto& alloc = errors_.GetAllocator();
   rapidjson::Value error(rapidjson::kObjectType);
   error.AddMember("field", rapidjson::Value(field.c_str(), static_cast<rapidjson::SizeType>(field.size()), alloc), alloc);
@@ -416,6 +421,8 @@ void Engine::CheckArray(const Node& node, const rapidjson::Value& value) {
       Pop();
     }
   }
+  // Instance identifier (as compact JSON) -> index of its first instance.
+  std::unordered_map<std::string, rapidjson::SizeType> instanceIds;
   for (rapidjson::SizeType i = 0; i < value.Size() && !Stop(); ++i) {
     const Node* item = node.items;
     if (node.tupleForm) {
@@ -438,6 +445,15 @@ void Engine::CheckArray(const Node& node, const rapidjson::Value& value) {
     PushIndex(i);
     if (idMissing && Fails(JsonValidator::INSTANCE_ID_MISSING)) {
       Emit(JsonValidator::INSTANCE_ID_MISSING, {std::string(node.instanceId)}, node.instanceId);
+    }
+    if (!node.instanceId.empty() && element.IsObject() && !idMissing) {
+      const rapidjson::Value& id = element[rapidjson::Value(rapidjson::StringRef(
+          node.instanceId.data(), static_cast<rapidjson::SizeType>(node.instanceId.size())))];
+      auto first = instanceIds.emplace(QenPlatform::CompactJson(id), i);
+      if (!first.second && Fails(JsonValidator::DUPLICATE_INSTANCE_ID)) {
+        Emit(JsonValidator::DUPLICATE_INSTANCE_ID, {QenPlatform::CompactJson(id), std::to_string(first.first->second)},
+             node.instanceId);
+      }
     }
     if (item != nullptr) Check(item, element);
     Pop();

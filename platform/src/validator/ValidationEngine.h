@@ -42,6 +42,8 @@ class Engine {
   bool Fails(int code);
   // Appends an error at the current path (plus `member`, when not empty).
   void Emit(int code, std::vector<std::string> args, std::string_view member = {});
+  // Appends an error at `pointer` (escaped already), relative to the prefix.
+  void EmitAt(const std::string& pointer, int code, std::vector<std::string> args);
 
  private:
   static constexpr size_t kNoIndex = static_cast<size_t>(-1);
