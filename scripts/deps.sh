@@ -7,6 +7,8 @@ PACKAGES=(
   build-essential cmake pkg-config python3
   rapidjson-dev libboost-graph-dev libboost-filesystem-dev libboost-system-dev
   libsqlite3-dev sqlite3 googletest libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libssl-dev
+  # clang with its libFuzzer and sanitizer runtimes, for scripts/fuzz.sh
+  clang libclang-rt-14-dev
 )
 
 missing=()
