@@ -132,6 +132,7 @@ TEST_P(StoreFaultTest, EveryFailedWriteLeavesTheCommittedStateAndTheOperationsEr
     EXPECT_EQ(Dump(), before) << "write " << n;
     ASSERT_LT(n, 200) << "no end to the writes";
   }
+  RecordProperty("failedWrites", n - 1);
   EXPECT_GE(n - 1, op.minWrites) << "failed writes before the operation went through";
 }
 
