@@ -39,11 +39,15 @@ for t in "${TARGETS[@]}"; do
   findings="$BUILD_DIR/findings/$t"
   mkdir -p "$corpus" "$findings"
   log="$BUILD_DIR/fuzz-$t.log"
+  # The target's temporary host root: a crash skips its removal at exit.
+  tmp="$BUILD_DIR/tmp/$t"
+  rm -rf "$tmp" && mkdir -p "$tmp"
   rc=0
-  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 "$BUILD_DIR/fuzz/fuzz_$t" \
+  TMPDIR="$tmp" UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 "$BUILD_DIR/fuzz/fuzz_$t" \
     -max_total_time="$SECONDS_EACH" -timeout=10 -rss_limit_mb=2048 -max_len=16384 \
     -dict="$ROOT/fuzz/json.dict" -artifact_prefix="$findings/" -print_final_stats=1 \
     "$corpus" "$ROOT/fuzz/corpus/$t" >"$log" 2>&1 || rc=$?
+  rm -rf "$tmp"
   execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
   size=$(find "$corpus" -type f | wc -l)
   if [ "$rc" -eq 0 ]; then
