@@ -16,14 +16,6 @@ constexpr const char* kSchemas = "/usr/lib/corvane/configmanager/plugin_schemas/
 
 // A rejected manifest is a ConfigManagerException (2081, 2082, 3000); an
 // accessor that meets a missing or mistyped member is the JSON library's 1082.
-template <typename F>
-void Guarded(F&& f) {
-  try {
-    f();
-  } catch (const QenConfigStore::ConfigStoreException&) {
-  }
-}
-
 void AskEverything(const Plugin& plugin) {
   (void)plugin.GetId();
   (void)plugin.GetVersion();

@@ -17,11 +17,10 @@ constexpr const char* kInput = "/var/corvane/lifecycle/cm-plugin-input.json";
 // missing member) or the JSON library's 1082 (wrong type); a config text
 // that is not JSON is the store's 2003.
 template <typename F>
-void Guarded(F&& f) {
+void Asked(F&& f) {
   try {
-    f();
+    Guarded(f);
   } catch (const std::runtime_error&) {
-  } catch (const QenConfigStore::ConfigStoreException&) {
   }
 }
 
@@ -32,28 +31,28 @@ int Request(const uint8_t* data, size_t size) {
   WriteHostFile(kInput, Text(data, size));
   PluginRequest request;
   bool loaded = false;
-  Guarded([&] {
+  Asked([&] {
     request.Load(kInput);
     loaded = true;
   });
   if (!loaded) return 0;
-  Guarded([&] { (void)request.GetVersion(); });
-  Guarded([&] { (void)request.GetTaskId(); });
-  Guarded([&] { (void)request.GetId(); });
-  Guarded([&] { (void)request.GetModule(); });
-  Guarded([&] { (void)request.GetType(); });
-  Guarded([&] { (void)request.GetClusterContext(); });
-  Guarded([&] {
+  Asked([&] { (void)request.GetVersion(); });
+  Asked([&] { (void)request.GetTaskId(); });
+  Asked([&] { (void)request.GetId(); });
+  Asked([&] { (void)request.GetModule(); });
+  Asked([&] { (void)request.GetType(); });
+  Asked([&] { (void)request.GetClusterContext(); });
+  Asked([&] {
     for (const DesiredConfigInput& input : request.GetData()) {
       Check(input.object != nullptr, "every input carries an object");
       (void)input.object->GetSerializedData();
       if (input.drift) (void)input.drift->GetSerializedDrift();
     }
   });
-  Guarded([&] {
+  Asked([&] {
     for (const auto& object : request.GetReferences()) (void)object->GetSerializedData();
   });
-  Guarded([&] { (void)request.GetCSOIdsForExtract(); });
+  Asked([&] { (void)request.GetCSOIdsForExtract(); });
   return 0;
 }
 

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "ConfigStoreException.h"
 #include "QenJson.h"
 
 namespace QenFuzz {
@@ -66,6 +67,16 @@ std::pair<std::string, std::string> SplitAtNul(const uint8_t* data, size_t size)
 // Parses `text` as the library parses documents from outside; false when it
 // is not JSON (or nested too deep).
 bool Parse(const std::string& text, rapidjson::Document& doc);
+
+// Runs `f`, taking the store's exception family (the refusal most entry
+// points document) as an answer; anything else escapes as a crash.
+template <typename F>
+void Guarded(F&& f) {
+  try {
+    f();
+  } catch (const QenConfigStore::ConfigStoreException&) {
+  }
+}
 
 // Fails the run (abort, which the fuzzer reports with the input) when an
 // invariant does not hold.
