@@ -49,7 +49,9 @@ JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& do
     rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> stream(memory);
     NestingLimit handler(target);
     rapidjson::Reader reader;
-    reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
+    // Full precision: a number the default fast path rounds wrongly would
+    // not read back to itself once written, and compare as changed.
+    reader.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseFullPrecisionFlag>(stream, handler);
     const std::string offset = " at offset " + std::to_string(reader.GetErrorOffset());
     if (handler.tooDeep) {
       result = {JsonParseResult::kTooDeep,
