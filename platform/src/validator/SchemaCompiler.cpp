@@ -5,13 +5,61 @@
 
 #include "SchemaCompiler.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <vector>
 
 #include "JsonValidator.h"
 
 namespace QenValidator {
 
 namespace {
+
+constexpr unsigned long kMaxRepeatedElements = 100000;
+
+// An upper bound of the elements a pattern's counted repetitions ("{n}",
+// "{n,m}") expand to, nesting multiplied, stopping just past the limit.
+// libstdc++ builds one automaton state per repeated element, and reads a
+// count into a long without checking for overflow.
+unsigned long RepeatedElements(std::string_view text) {
+  const unsigned long over = kMaxRepeatedElements + 1;
+  auto times = [&](unsigned long a, unsigned long b) { return b && a > over / b ? over : std::min(a * b, over); };
+  std::vector<unsigned long> sums(1, 0);  // elements of each open group
+  unsigned long last = 0;                 // elements of the atom a quantifier applies to
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '(') {
+      sums.push_back(0);
+      last = 0;
+    } else if (c == ')' && sums.size() > 1) {
+      last = std::max<unsigned long>(sums.back(), 1);
+      sums.pop_back();
+      sums.back() = std::min(sums.back() + last, over);
+    } else if (c == '{' && i + 1 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1]))) {
+      unsigned long most = 0;
+      for (++i; i < text.size() && text[i] != '}'; ++i) {
+        if (text[i] == ',') most = 0;  // with no upper bound, the lower one is what is copied
+        else if (std::isdigit(static_cast<unsigned char>(text[i]))) most = std::min(most * 10 + (text[i] - '0'), over);
+        else break;
+      }
+      const unsigned long grown = times(last, most);
+      sums.back() = std::min(sums.back() + (grown > last ? grown - last : 0), over);
+      last = grown;
+    } else if (c != '|' && c != '*' && c != '+' && c != '?' && c != '^' && c != '$') {
+      if (c == '\\') ++i;
+      if (c == '[') {
+        // A class is one element, whatever it holds.
+        for (++i; i < text.size() && text[i] != ']'; ++i)
+          if (text[i] == '\\') ++i;
+      }
+      last = 1;
+      sums.back() = std::min(sums.back() + 1, over);
+    }
+    if (sums.back() >= over) return over;
+  }
+  return sums.front();
+}
 
 std::string_view View(const rapidjson::Value& s) {
   return std::string_view(s.GetString(), s.GetStringLength());
@@ -195,6 +243,11 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
   auto pattern = [&](std::string_view text, const std::string& where) {
     auto p = std::make_unique<Pattern>();
     p->text = std::string(text);
+    if (RepeatedElements(text) > kMaxRepeatedElements) {
+      Fail(where, "invalid regular expression \"" + p->text + "\": repetitions expand to more than " +
+                      std::to_string(kMaxRepeatedElements) + " elements");
+      return std::unique_ptr<Pattern>();
+    }
     try {
       p->fast = std::regex(p->text, std::regex::ECMAScript);
     } catch (const std::regex_error& e) {
