@@ -20,10 +20,13 @@ void RoundTrips(const rapidjson::Document& doc) {
   SerializeValue(doc, compact);
   rapidjson::Document again;
   ParseDocument(compact, again);
-  Check(again == doc, "compact text parses back to the same value");
+  // Compared as text: value equality finds the first of repeated names only,
+  // so an object that repeats a name does not even equal itself.
+  Check(QenPlatform::CompactJson(again) == compact, "compact text parses back to the same value");
   rapidjson::Document pretty;
   ParseDocument(JsonToString(doc), pretty);
-  Check(pretty == doc, "pretty text parses back to the same value");
+  Check(QenPlatform::CompactJson(pretty) == compact, "pretty text parses back to the same value");
+  if (RepeatsAName(doc)) return;
   Check(ConfigStoreDocument::NormalizeValue(doc) == ConfigStoreDocument::NormalizeValue(again),
         "equal values have one normal form");
   if (doc.IsArray()) Check(IsEqualArray(doc, again), "an array equals its copy");

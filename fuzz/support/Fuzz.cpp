@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 #include <boost/filesystem.hpp>
 
@@ -87,6 +88,20 @@ std::pair<std::string, std::string> SplitAtNul(const uint8_t* data, size_t size)
   if (!nul) return {std::string(text, size), std::string()};
   const size_t at = static_cast<const char*>(nul) - text;
   return {std::string(text, at), std::string(text + at + 1, size - at - 1)};
+}
+
+bool RepeatsAName(const rapidjson::Value& value) {
+  if (value.IsArray()) {
+    for (const auto& element : value.GetArray())
+      if (RepeatsAName(element)) return true;
+  }
+  if (!value.IsObject()) return false;
+  std::set<std::string> names;
+  for (const auto& member : value.GetObject()) {
+    if (!names.emplace(member.name.GetString(), member.name.GetStringLength()).second) return true;
+    if (RepeatsAName(member.value)) return true;
+  }
+  return false;
 }
 
 bool Parse(const std::string& text, rapidjson::Document& doc) {

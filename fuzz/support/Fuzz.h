@@ -68,6 +68,9 @@ std::pair<std::string, std::string> SplitAtNul(const uint8_t* data, size_t size)
 // is not JSON (or nested too deep).
 bool Parse(const std::string& text, rapidjson::Document& doc);
 
+// Whether an object anywhere in `value` holds a name twice.
+bool RepeatsAName(const rapidjson::Value& value);
+
 // Runs `f`, taking the store's exception family (the refusal most entry
 // points document) as an answer; anything else escapes as a crash.
 template <typename F>
