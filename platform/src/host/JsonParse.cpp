@@ -49,9 +49,7 @@ JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& do
     rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> stream(memory);
     NestingLimit handler(target);
     rapidjson::Reader reader;
-    // Full precision: a number the default fast path rounds wrongly would
-    // not read back to itself once written, and compare as changed.
-    reader.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseFullPrecisionFlag>(stream, handler);
+    reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
     const std::string offset = " at offset " + std::to_string(reader.GetErrorOffset());
     if (handler.tooDeep) {
       result = {JsonParseResult::kTooDeep,

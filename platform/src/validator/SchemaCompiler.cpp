@@ -18,11 +18,12 @@ namespace {
 
 constexpr unsigned long kMaxRepeatedElements = 100000;
 
-// An upper bound of the elements a pattern's counted repetitions ("{n}",
-// "{n,m}") expand to, nesting multiplied, stopping just past the limit.
-// libstdc++ builds one automaton state per repeated element, and reads a
-// count into a long without checking for overflow.
-unsigned long RepeatedElements(std::string_view text) {
+// Why std::regex must not be given a pattern, or "": libstdc++ builds one
+// automaton state per repeated element, so counted repetitions ("{n}",
+// "{n,m}") are bounded by what they expand to, nesting multiplied; and it
+// reads counts and back-reference numbers into a long without checking for
+// overflow.
+std::string TooLargeForRegex(std::string_view text) {
   const unsigned long over = kMaxRepeatedElements + 1;
   auto times = [&](unsigned long a, unsigned long b) { return b && a > over / b ? over : std::min(a * b, over); };
   std::vector<unsigned long> sums(1, 0);  // elements of each open group
@@ -47,7 +48,13 @@ unsigned long RepeatedElements(std::string_view text) {
       sums.back() = std::min(sums.back() + (grown > last ? grown - last : 0), over);
       last = grown;
     } else if (c != '|' && c != '*' && c != '+' && c != '?' && c != '^' && c != '$') {
-      if (c == '\\') ++i;
+      if (c == '\\' && i + 1 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1]))) {
+        size_t digits = 0;
+        while (i + 1 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1]))) ++i, ++digits;
+        if (digits > 3) return "back-reference number above 999";
+      } else if (c == '\\') {
+        ++i;
+      }
       if (c == '[') {
         // A class is one element, whatever it holds.
         for (++i; i < text.size() && text[i] != ']'; ++i)
@@ -56,9 +63,10 @@ unsigned long RepeatedElements(std::string_view text) {
       last = 1;
       sums.back() = std::min(sums.back() + 1, over);
     }
-    if (sums.back() >= over) return over;
+    if (sums.back() >= over) break;
   }
-  return sums.front();
+  if (sums.back() < over) return "";
+  return "repetitions expand to more than " + std::to_string(kMaxRepeatedElements) + " elements";
 }
 
 std::string_view View(const rapidjson::Value& s) {
@@ -243,9 +251,9 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
   auto pattern = [&](std::string_view text, const std::string& where) {
     auto p = std::make_unique<Pattern>();
     p->text = std::string(text);
-    if (RepeatedElements(text) > kMaxRepeatedElements) {
-      Fail(where, "invalid regular expression \"" + p->text + "\": repetitions expand to more than " +
-                      std::to_string(kMaxRepeatedElements) + " elements");
+    const std::string tooLarge = TooLargeForRegex(text);
+    if (!tooLarge.empty()) {
+      Fail(where, "invalid regular expression \"" + p->text + "\": " + tooLarge);
       return std::unique_ptr<Pattern>();
     }
     try {
