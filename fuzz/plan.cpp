@@ -34,7 +34,7 @@ void RoundTrips(const qenconfig::Plan& plan) {
             again.quickBootStatus == plan.quickBootStatus && again.timestamp == plan.timestamp &&
             again.context == plan.context && again.driftCache == plan.driftCache &&
             again.drift == plan.drift &&
-            QenPlatform::CompactJson(again.desired) == QenPlatform::CompactJson(plan.desired),
+            SameValue(again.desired, plan.desired),
         "a written plan reads back the same");
 }
 

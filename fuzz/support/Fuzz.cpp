@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -88,6 +90,27 @@ std::pair<std::string, std::string> SplitAtNul(const uint8_t* data, size_t size)
   if (!nul) return {std::string(text, size), std::string()};
   const size_t at = static_cast<const char*>(nul) - text;
   return {std::string(text, at), std::string(text + at + 1, size - at - 1)};
+}
+
+bool SameValue(const rapidjson::Value& a, const rapidjson::Value& b) {
+  if (a.IsDouble() || b.IsDouble()) {
+    if (!a.IsNumber() || !b.IsNumber()) return false;
+    const double x = a.GetDouble(), y = b.GetDouble();
+    return x == y || std::fabs(x - y) <= 1e-15 * std::max(std::fabs(x), std::fabs(y));
+  }
+  if (a.IsArray() && b.IsArray()) {
+    if (a.Size() != b.Size()) return false;
+    for (rapidjson::SizeType i = 0; i < a.Size(); ++i)
+      if (!SameValue(a[i], b[i])) return false;
+    return true;
+  }
+  if (a.IsObject() && b.IsObject()) {
+    if (a.MemberCount() != b.MemberCount()) return false;
+    for (auto x = a.MemberBegin(), y = b.MemberBegin(); x != a.MemberEnd(); ++x, ++y)
+      if (x->name != y->name || !SameValue(x->value, y->value)) return false;
+    return true;
+  }
+  return a.GetType() == b.GetType() && !a.IsObject() && !a.IsArray() && a == b;
 }
 
 bool RepeatsAName(const rapidjson::Value& value) {

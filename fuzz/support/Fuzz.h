@@ -68,6 +68,14 @@ std::pair<std::string, std::string> SplitAtNul(const uint8_t* data, size_t size)
 // is not JSON (or nested too deep).
 bool Parse(const std::string& text, rapidjson::Document& doc);
 
+// Whether `a` and `b` hold the same members in the same order and the same
+// values, a number that is not an integer within a relative 1e-15: the
+// parser rounds some long numbers one unit off, so a number written and read
+// again may move by that much. (Value equality will not do: it finds the
+// first of repeated names only, so an object that repeats a name does not
+// even equal itself.)
+bool SameValue(const rapidjson::Value& a, const rapidjson::Value& b);
+
 // Whether an object anywhere in `value` holds a name twice.
 bool RepeatsAName(const rapidjson::Value& value);
 
