@@ -147,9 +147,7 @@ int main(int argc, char** argv) {
     Parse(host, c.host->GetDocument());
   }
 
-  QenBench::PairedReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  QenBench::PrintRatios(reporter, kGoals);
+  QenBench::RunPaired(kGoals);
   g_cases.clear();
   boost::system::error_code ec;
   boost::filesystem::remove_all(g_root, ec);

@@ -11,6 +11,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,7 @@
 #include "QenSchemaStore.h"
 #include "configmanager/drift.h"
 #include "drift_documents.h"
+#include "paired.h"
 
 using namespace QenConfigManager;
 using namespace QenBench;
@@ -217,11 +219,24 @@ int main(int argc, char** argv) {
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
 
+  // With repetitions, the i-th run of either side also gives a ratio of its
+  // own; their median and range follow the ratio of the means (run with
+  // --benchmark_enable_random_interleaving so that the paired runs are close
+  // in time).
   auto ratio = [&](const char* label, const std::string& a, const std::string& b, double scale,
                    double goal) {
     const double ta = reporter.Time(a), tb = reporter.Time(b);
     if (ta <= 0 || tb <= 0) return;
-    std::printf("%-58s %6.3f  (goal <= %.2f)\n", label, ta / (scale * tb), goal);
+    std::printf("%-58s %6.3f  (goal <= %.2f)", label, ta / (scale * tb), goal);
+    const std::vector<double>& as = reporter.times[a];
+    const std::vector<double>& bs = reporter.times[b];
+    if (as.size() > 1 && as.size() == bs.size()) {
+      std::vector<double> each;
+      for (size_t i = 0; i < as.size(); ++i) each.push_back(as[i] / (scale * bs[i]));
+      std::printf("  runs %zu: median %.3f (%.3f-%.3f)", each.size(), Median(each),
+                  *std::min_element(each.begin(), each.end()), *std::max_element(each.begin(), each.end()));
+    }
+    std::printf("\n");
   };
   std::printf("\nRatios (same run)\n");
   for (auto& entry : Cases()) {

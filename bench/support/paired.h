@@ -16,8 +16,8 @@ namespace QenBench {
 // CPU seconds of this process and its waited-for children so far.
 double CpuNow();
 
-// Durations of single subject calls: reported as the counters "max_us" (the
-// slowest call) and "p99_us" (99th percentile, nearest rank).
+// Durations of single subject calls: reported as the counters "median_us",
+// "p99_us" (99th percentile, nearest rank) and "max_us" (the slowest call).
 class CallTimes {
  public:
   void Add(double seconds) { times_.push_back(seconds); }
@@ -69,10 +69,22 @@ struct Goal {
   const char* benchmark;  // name prefix
   const char* label;
   double goal;  // 0: reported only
+  // false: the goal bounds subject / baseline from above (a cost);
+  // true: it bounds baseline / subject from below (a speed-up of the subject).
+  bool speed = false;
 };
 
 // One line per paired run that a goal names: times, ratios, the slowest call
-// and the 99th percentile, goal met or not (judged on the CPU ratio).
+// and the 99th percentile, goal met or not (judged on the CPU ratio). With
+// several runs of a case (--benchmark_repetitions), a summary follows: the
+// median and the range of its ratios, the goal judged on the median.
 void PrintRatios(const PairedReporter& reporter, const std::vector<Goal>& goals);
+
+// Runs the benchmarks the command line selects, prints the ratios of `goals`
+// and then hands the runs to `more` (further tables), if given.
+void RunPaired(const std::vector<Goal>& goals, void (*more)(const PairedReporter&) = nullptr);
+
+// Median of `values` (the mean of the middle two for an even count); 0 when empty.
+double Median(std::vector<double> values);
 
 }  // namespace QenBench

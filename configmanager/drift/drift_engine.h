@@ -146,6 +146,16 @@ inline uint64_t HashStep(uint64_t h) {
   return h ^ (h >> 32);
 }
 
+// The full mix a hash gets before its low bits pick a slot.
+inline uint64_t Mix(uint64_t h) {
+  h ^= h >> 33;
+  h *= 0xff51afd7ed558ccdULL;
+  h ^= h >> 33;
+  h *= 0xc4ceb9fe1a85ec53ULL;
+  h ^= h >> 33;
+  return h;
+}
+
 // Hash of a text (names, identifiers): one step for up to eight bytes, the
 // tail read by overlapping loads.
 inline uint64_t HashBytes(const char* text, size_t length) {

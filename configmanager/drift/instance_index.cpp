@@ -22,15 +22,6 @@ constexpr uint32_t kNone = UINT32_MAX;
 // hash equal, and a hostile document cannot exhaust the stack here.
 constexpr int kHashDepth = 32;
 
-uint64_t Mix(uint64_t h) {
-  h ^= h >> 33;
-  h *= 0xff51afd7ed558ccdULL;
-  h ^= h >> 33;
-  h *= 0xc4ceb9fe1a85ec53ULL;
-  h ^= h >> 33;
-  return h;
-}
-
 uint64_t HashValue(const rapidjson::Value& value, int depth);
 
 // Leaves hashed in place, containers by a call. Below kHashDepth levels the

@@ -79,10 +79,27 @@ bool JsonEqual(const rapidjson::Value& a, const rapidjson::Value& b) {
   }
 }
 
+// Whether two values are stored alike, byte for byte: type flags and
+// payload. For a string that is the same text (short strings are held inline,
+// their unused bytes zero; longer ones point to the same characters), for an
+// integer the same number, for null and booleans the same value. Doubles are
+// left out (NaN is not equal to itself), containers too (a value whose names
+// repeat is not equal to itself under the member search).
+__attribute__((always_inline)) inline bool SameLeafBits(const rapidjson::Value& a, const rapidjson::Value& b) {
+  static_assert(sizeof(rapidjson::Value) == 16, "RapidJSON values of 16 bytes");
+  uint64_t x[2], y[2];
+  std::memcpy(x, &a, sizeof x);
+  std::memcpy(y, &b, sizeof y);
+  if (((x[0] ^ y[0]) | (x[1] ^ y[1])) != 0) return false;
+  const rapidjson::Type type = a.GetType();
+  return type != rapidjson::kObjectType && type != rapidjson::kArrayType && !a.IsDouble();
+}
+
 // Leaves compared in place, containers by a call.
 template <bool kStrict>
 __attribute__((always_inline)) inline bool SameChild(const rapidjson::Value& a, const rapidjson::Value& b,
                                                      int depth) {
+  if (SameLeafBits(a, b)) return true;
   const rapidjson::Type type = a.GetType();
   if (type != b.GetType()) return false;
   if (type == rapidjson::kStringType) return SameText(a, b);
@@ -104,7 +121,8 @@ bool SameObject(const rapidjson::Value& a, const rapidjson::Value& b, int depth)
     // While names pair in place and do not repeat, member i of `b` is the
     // first of its name, the one the member search would find; otherwise
     // the search decides.
-    if (!SameText(x[i].name, y[i].name) || filter.Repeats(x, i)) return !kStrict && JsonEqual(a, b);
+    if (!(SameLeafBits(x[i].name, y[i].name) || SameText(x[i].name, y[i].name)) || filter.Repeats(x, i))
+      return !kStrict && JsonEqual(a, b);
     if (!SameChild<kStrict>(x[i].value, y[i].value, depth + 1)) return false;
   }
   return true;
@@ -163,7 +181,9 @@ NameIndex::NameIndex(const rapidjson::Value& object) {
   const size_t mask = capacity - 1;
   for (rapidjson::SizeType i = 0; i < n; ++i) {
     const rapidjson::Value& name = members_[i].name;
-    size_t s = HashBytes(name.GetString(), name.GetStringLength()) & mask;
+    // Names of a wide object differ in a few bytes ("grp0" ... "grp999"):
+    // unmixed, their hashes share a few dozen low-bit patterns.
+    size_t s = Mix(HashBytes(name.GetString(), name.GetStringLength())) & mask;
     for (; slots_[s] != 0; s = (s + 1) & mask) {
       if (SameText(members_[slots_[s] - 1].name, name)) {
         distinct_ = false;
@@ -177,7 +197,7 @@ NameIndex::NameIndex(const rapidjson::Value& object) {
 const rapidjson::Value* NameIndex::Find(const rapidjson::Value& name) const {
   if (slots_.empty()) return nullptr;
   const size_t mask = slots_.size() - 1;
-  for (size_t s = HashBytes(name.GetString(), name.GetStringLength()) & mask; slots_[s] != 0;
+  for (size_t s = Mix(HashBytes(name.GetString(), name.GetStringLength())) & mask; slots_[s] != 0;
        s = (s + 1) & mask) {
     const rapidjson::Value::Member& m = members_[slots_[s] - 1];
     if (SameText(m.name, name)) return &m.value;

@@ -4,6 +4,7 @@
 // order and number kinds could trip.
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <random>
 
 #include "ConfigStoreDocument.h"
@@ -167,6 +168,41 @@ TEST(DriftValuesTest, WideObjectsFindTheFirstOfRepeatedNames) {
   }
   EXPECT_EQ(index.Find(rapidjson::Value("member300", a)), nullptr);
   EXPECT_EQ(index.Find(rapidjson::Value("", a)), nullptr);
+}
+
+// Values that are stored alike byte for byte are taken as equal without
+// a look at their content; that must not change an answer.
+TEST(DriftValuesTest, ValuesStoredAlikeKeepTheLibrarysAnswers) {
+  rapidjson::Document doc;
+  auto& a = doc.GetAllocator();
+  // A value whose names repeat is not equal to itself under the member search.
+  auto repeated = DriftTest::Parse(R"([{"a": 1, "a": 2}])");
+  const rapidjson::Value& self = repeated->GetDocument();
+  EXPECT_FALSE(self == self);
+  EXPECT_FALSE(drift::SameValue(self, self));
+  // Nor is NaN.
+  const rapidjson::Value nan(std::numeric_limits<double>::quiet_NaN());
+  rapidjson::Value nanArray(rapidjson::kArrayType);
+  nanArray.PushBack(rapidjson::Value(std::numeric_limits<double>::quiet_NaN()), a);
+  EXPECT_FALSE(drift::SameValue(nan, nan));
+  EXPECT_FALSE(drift::SameValue(nanArray, nanArray));
+  // A short string written over a longer one keeps stale bytes behind its
+  // end; the text alone decides.
+  rapidjson::Value reused("abcdefgh", a), fresh("ab", a);
+  reused.SetString("ab", a);
+  rapidjson::Value pair1(rapidjson::kArrayType), pair2(rapidjson::kArrayType);
+  pair1.PushBack(reused, a).PushBack(1, a);
+  pair2.PushBack(fresh, a).PushBack(1, a);
+  EXPECT_TRUE(drift::SameValue(pair1, pair2));
+  EXPECT_TRUE(drift::IdenticalValue(pair1, pair2));
+  pair2[0].SetString("ac", a);
+  EXPECT_FALSE(drift::SameValue(pair1, pair2));
+  // One long text referred to twice is equal to itself.
+  static const char kLong[] = "a text longer than a value holds inline";
+  rapidjson::Value ref1(rapidjson::kArrayType), ref2(rapidjson::kArrayType);
+  ref1.PushBack(rapidjson::StringRef(kLong), a);
+  ref2.PushBack(rapidjson::StringRef(kLong), a);
+  EXPECT_TRUE(drift::SameValue(ref1, ref2));
 }
 
 }  // namespace

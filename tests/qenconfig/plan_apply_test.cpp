@@ -214,6 +214,7 @@ TEST_F(PlanApplyTest, AFailingPluginIsNamedAndTheRestDoNotRun) {
 
 // --timeout stops the running plugin through the task handle: its runner
 // ends, the request and result files are gone, and the report says what ran.
+// The deadline leaves the first plugin time to finish on a loaded machine.
 TEST_F(PlanApplyTest, TimeoutStopsASlowPluginAndLeavesNothingBehind) {
   ASSERT_EQ(Plan(kApplyDoc).exit, 0);
   ResolverApplies("    import os, time\n"
@@ -222,11 +223,11 @@ TEST_F(PlanApplyTest, TimeoutStopsASlowPluginAndLeavesNothingBehind) {
                   "    time.sleep(60)\n");
   WriteFile("/tmp/.keep", "");
   const auto started = Clock::now();
-  Outcome apply = Run({"apply", plan_, "--timeout", "2"});
-  EXPECT_LT(Clock::now() - started, std::chrono::seconds(10));
+  Outcome apply = Run({"apply", plan_, "--timeout", "8"});
+  EXPECT_LT(Clock::now() - started, std::chrono::seconds(30));
   EXPECT_EQ(apply.exit, 6) << apply.err;
   EXPECT_EQ(apply.out,
-            "Stopped by the timeout of 2 s; tasks that ran stay applied:\n"
+            "Stopped by the timeout of 8 s; tasks that ran stay applied:\n"
             "  done     ADD:network:interfaces:nic [1 input]\n"
             "  failed   REMEDIATE:resolver [1 input]: apply plugin resolver aborted\n"
             "  not run  REMEDIATE:ntp [1 input] (the apply was stopped)\n");

@@ -194,6 +194,26 @@ TEST_P(OperationsTest, ValidateLabelsEveryObjectsErrors) {
   EXPECT_STREQ(ReadEcho()["references"][0][0].GetString(), "resolver");
 }
 
+// WriteHostFile creates missing directories, replaces a file whole with
+// exactly the mode asked for (whatever the umask) and leaves no temporary
+// file; RemoveHostFile takes a missing file as removed.
+TEST_P(OperationsTest, PythonHostFileHelpersWriteAndRemove) {
+  if (std::string(GetParam().type) != "python") return;  // the cue is the Python plugin's
+  WriteFile("/etc/qen-files/old", "stale");
+  ErrorInfo error = plugin_->Apply(Inputs(), "files:/etc/qen-files", PluginMonitor::Dummy());
+  EXPECT_EQ(error, ErrorInfo("", {}, "DNS resolver"));
+  EXPECT_EQ(ReadFile("/etc/qen-files/new/deep/first"), "two");
+  EXPECT_EQ(ReadFile("/etc/qen-files/new/second"), "three");
+  struct stat st{};
+  ASSERT_EQ(stat(Path("/etc/qen-files/new/deep/first").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  ASSERT_EQ(stat(Path("/etc/qen-files/new/second").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0644u);
+  EXPECT_NE(stat(Path("/etc/qen-files/old").c_str(), &st), 0);
+  EXPECT_NE(stat(Path("/etc/qen-files/new/deep/first.new").c_str(), &st), 0);
+  ExpectCleanAfterCall();
+}
+
 INSTANTIATE_TEST_SUITE_P(Runners, OperationsTest, ::testing::Values(kPython, kCpp),
                          [](const ::testing::TestParamInfo<Kind>& info) {
                            return std::string(info.param.type) == "python" ? "Python" : "Cpp";

@@ -23,7 +23,12 @@ void CopyTree(const fs::path& from, const fs::path& to) {
       fs::create_directories(target);
     } else {
       fs::create_directories(target.parent_path());
-      fs::copy_file(it->path(), target, fs::copy_options::overwrite_existing);
+      {
+        std::ifstream in(it->path().string(), std::ios::binary);
+        std::ofstream out(target.string(), std::ios::binary | std::ios::trunc);
+        out << in.rdbuf();
+      }
+      fs::permissions(target, fs::status(it->path()).permissions());
     }
   }
 }

@@ -203,6 +203,36 @@ TEST(Validate, PatternRepetitionsAreBoundedBeforeCompiling) {
   EXPECT_EQ(Brief(R"({"pattern": "^[{]\\{99999999999\\}$"})", R"("{{99999999999}")"), "");
 }
 
+TEST(Validate, MembersFoundWhateverTheirOrderCountOrRepetition) {
+  // Out of schema order, a name the schema repeats (its last schema counts),
+  // a member that is no property.
+  const char* schema = R"({"properties": {"a": {"type": "string"}, "b": {"type": "integer"},
+                           "a": {"type": "integer"}}, "required": ["a", "b", "c"],
+                           "additionalProperties": false})";
+  EXPECT_EQ(Brief(schema, R"({"b": "x", "a": "y", "z": 1})"), "/c:9 /b:5 /a:5 /z:4 ");
+  EXPECT_EQ(Brief(schema, R"({"c": 1, "a": 1, "b": 1})"), "/c:4 ");
+  // Seventy properties, all required, and a value with more members than that.
+  std::string properties, required, members;
+  for (int i = 0; i < 70; ++i) {
+    properties += (i ? "," : "") + ("\"p" + std::to_string(i) + "\": {\"type\": \"integer\"}");
+    required += (i ? "," : "") + ("\"p" + std::to_string(i) + "\"");
+  }
+  for (int i = 79; i >= 0; --i) {
+    if (i == 3 || i == 66) continue;
+    members += (i == 79 ? "" : ",") + ("\"p" + std::to_string(i) + "\": " + (i == 68 ? "\"s\"" : "1"));
+  }
+  EXPECT_EQ(Brief(R"({"properties": {)" + properties + R"(}, "required": [)" + required +
+                      R"(], "additionalProperties": {"type": "null"}})",
+                  "{" + members + "}"),
+            "/p3:9 /p66:9 /p79:5 /p78:5 /p77:5 /p76:5 /p75:5 /p74:5 /p73:5 /p72:5 /p71:5 /p70:5 /p68:5 ");
+  // A bad pattern is reported wherever it appears, though compiled once.
+  EXPECT_EQ(Brief(R"({"properties": {"a": {"pattern": "(x"}, "b": {"pattern": "(x"}},
+                      "patternProperties": {"(x": {}}})", "{}"), ":2 :2 :2 ");
+  // Duplicates are equal JSON values; -1 and 2^64-1 share their 64 bits only.
+  EXPECT_EQ(Brief(R"({"uniqueItems": true})", R"([-1, 18446744073709551615, 1, 1.0, {"a": [1]}, {"a": [1]}])"),
+            "/3:22 /5:22 ");
+}
+
 TEST(Validate, TenThousandLevelsNeitherOverflowNorPass) {
   std::string deep = std::string(10000, '[') + std::string(10000, ']');
   // Following the nesting stops at the limit with one error.

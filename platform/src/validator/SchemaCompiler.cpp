@@ -108,7 +108,7 @@ bool IsAnnotation(std::string_view k) {
 
 }  // namespace
 
-bool Pattern::Matches(std::string_view subject) const {
+bool Pattern::MatchesRegex(std::string_view subject) const {
   try {
     if (subject.size() <= kShortSubject) return std::regex_search(subject.begin(), subject.end(), fast);
     // Without a flat matcher a long subject fails closed: it is not shown to match.
@@ -155,6 +155,46 @@ const Node* CompiledSchema::NodeFor(const rapidjson::Value* schema) const {
 
 void CompiledSchema::Fail(const std::string& location, std::string reason) {
   errors_.push_back({location, std::move(reason)});
+}
+
+const Pattern* CompiledSchema::PatternFor(std::string_view text, const std::string& location) {
+  std::string key(text);
+  auto known = patterns_.find(key);
+  if (known != patterns_.end()) return known->second.get();
+  auto bad = badPatterns_.find(key);
+  if (bad != badPatterns_.end()) {
+    Fail(location, bad->second);
+    return nullptr;
+  }
+  auto p = std::make_unique<Pattern>();
+  p->text = key;
+  const std::string tooLarge = TooLargeForRegex(text);
+  if (!tooLarge.empty()) {
+    std::string reason = "invalid regular expression \"" + p->text + "\": " + tooLarge;
+    Fail(location, reason);
+    badPatterns_.emplace(std::move(key), std::move(reason));
+    return nullptr;
+  }
+  // The automaton accepts only patterns std::regex compiles, so a pattern it
+  // takes needs no regex at all.
+  p->dfa = PatternDfa::Build(text);
+  if (!p->dfa) {
+    try {
+      p->fast = std::regex(p->text, std::regex::ECMAScript);
+    } catch (const std::regex_error& e) {
+      std::string reason = "invalid regular expression \"" + p->text + "\": " + e.what();
+      Fail(location, reason);
+      badPatterns_.emplace(std::move(key), std::move(reason));
+      return nullptr;
+    }
+    try {
+      p->flat = std::make_unique<std::regex>(
+          p->text, std::regex::ECMAScript | std::regex_constants::__polynomial);
+    } catch (const std::regex_error&) {
+      // Back-references: long subjects cannot be matched safely (see Matches).
+    }
+  }
+  return patterns_.emplace(std::move(key), std::move(p)).first->second.get();
 }
 
 const Node* CompiledSchema::Compile(const rapidjson::Value& schema, const std::string& location,
@@ -248,28 +288,6 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
     }
     out = v.GetBool();
   };
-  auto pattern = [&](std::string_view text, const std::string& where) {
-    auto p = std::make_unique<Pattern>();
-    p->text = std::string(text);
-    const std::string tooLarge = TooLargeForRegex(text);
-    if (!tooLarge.empty()) {
-      Fail(where, "invalid regular expression \"" + p->text + "\": " + tooLarge);
-      return std::unique_ptr<Pattern>();
-    }
-    try {
-      p->fast = std::regex(p->text, std::regex::ECMAScript);
-    } catch (const std::regex_error& e) {
-      Fail(where, "invalid regular expression \"" + p->text + "\": " + e.what());
-      return std::unique_ptr<Pattern>();
-    }
-    try {
-      p->flat = std::make_unique<std::regex>(
-          p->text, std::regex::ECMAScript | std::regex_constants::__polynomial);
-    } catch (const std::regex_error&) {
-      // Back-references: long subjects cannot be matched safely (see Matches).
-    }
-    return p;
-  };
   auto schemaMap = [&](const rapidjson::Value& v, const std::string& where, const char* name) {
     if (!v.IsObject()) {
       Fail(where, std::string("\"") + name + "\" must be an object of schemas");
@@ -336,7 +354,7 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
       if (!v.IsString()) {
         Fail(where, "\"pattern\" must be a string");
       } else {
-        node.pattern = pattern(View(v), where);
+        node.pattern = PatternFor(View(v), where);
         node.hasStringChecks = node.hasStringChecks || node.pattern != nullptr;
       }
     } else if (k == "format") {
@@ -383,7 +401,13 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
       if (schemaMap(v, where, "properties")) {
         node.hasObjectChecks = true;
         for (auto& m : v.GetObject()) {
-          node.properties[View(m.name)] = sub(m.value, AppendPointer(where, View(m.name)));
+          const Node* target = sub(m.value, AppendPointer(where, View(m.name)));
+          auto [at, added] = node.propertyIndex.emplace(View(m.name), node.properties.size());
+          if (added) {
+            node.properties.push_back({View(m.name), target});
+          } else {
+            node.properties[at->second].node = target;
+          }
         }
       }
     } else if (k == "patternProperties") {
@@ -391,9 +415,9 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
         node.hasObjectChecks = true;
         for (auto& m : v.GetObject()) {
           std::string at = AppendPointer(where, View(m.name));
-          auto p = pattern(View(m.name), at);
+          const Pattern* p = PatternFor(View(m.name), at);
           const Node* target = sub(m.value, at);
-          if (p) node.patternProperties.emplace_back(std::move(p), target);
+          if (p) node.patternProperties.emplace_back(p, target);
         }
       }
     } else if (k == "additionalProperties") {
@@ -472,6 +496,15 @@ void CompiledSchema::CompileKeywords(Node& node, const rapidjson::Value& schema,
       node.unknownKeywords.push_back(k);
     }
   }
+
+  for (std::string_view name : node.required) {
+    auto it = node.propertyIndex.find(name);
+    node.requiredProperty.push_back(it == node.propertyIndex.end() ? kNoProperty : it->second);
+  }
+  node.hasAdvisories = !node.unknownKeywords.empty() || !node.format.empty() || node.readOnly ||
+                       node.deprecated;
+  node.hasCombinations = !node.allOf.empty() || !node.anyOf.empty() || !node.oneOf.empty() ||
+                         node.notNode != nullptr;
 
   if (!node.discriminator.empty()) {
     std::string where = AppendPointer(location, "discriminator");

@@ -15,6 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "PatternDfa.h"
 #include "QenJson.h"
 
 namespace QenValidator {
@@ -31,23 +32,35 @@ enum TypeBit : unsigned {
 
 struct Node;
 
-// libstdc++'s default (backtracking) matcher recurses once per subject
-// character and overflows the stack on long strings; its polynomial mode
-// keeps the stack flat but is about three times slower. Short subjects take
-// the fast matcher, long ones the flat one.
+// A pattern within PatternDfa's subset is matched by its automaton alone.
+// Others use std::regex: libstdc++'s default (backtracking) matcher recurses
+// once per subject character and overflows the stack on long strings; its
+// polynomial mode keeps the stack flat but is about three times slower.
+// Short subjects take the fast matcher, long ones the flat one.
 struct Pattern {
   static constexpr size_t kShortSubject = 256;
   std::string text;
-  std::regex fast;
-  std::unique_ptr<std::regex> flat;  // null when the pattern needs back-references
+  std::unique_ptr<PatternDfa> dfa;
+  std::regex fast;                   // unused with an automaton
+  std::unique_ptr<std::regex> flat;  // null with an automaton or back-references
 
-  bool Matches(std::string_view subject) const;
+  bool Matches(std::string_view subject) const {
+    return dfa ? dfa->Matches(subject) : MatchesRegex(subject);
+  }
+  bool MatchesRegex(std::string_view subject) const;
 };
 
 struct Dependency {
   std::string_view name;
   std::vector<std::string_view> required;  // property dependency
   const Node* schema = nullptr;            // schema dependency
+};
+
+constexpr size_t kNoProperty = static_cast<size_t>(-1);
+
+struct Property {
+  std::string_view name;
+  const Node* node;
 };
 
 struct Variant {
@@ -72,7 +85,7 @@ struct Node {
   // strings
   int64_t minLength = -1;
   int64_t maxLength = -1;
-  std::unique_ptr<Pattern> pattern;
+  const Pattern* pattern = nullptr;
 
   // arrays
   const Node* items = nullptr;            // one schema for every item
@@ -85,12 +98,15 @@ struct Node {
   bool uniqueItems = false;
   std::string_view instanceId;  // empty, or a member that identifies items
 
-  // objects
-  std::unordered_map<std::string_view, const Node*> properties;
-  std::vector<std::pair<std::unique_ptr<Pattern>, const Node*>> patternProperties;
+  // objects: "properties" in schema order (a repeated name keeps its first
+  // place and its last schema) and by name
+  std::vector<Property> properties;
+  std::unordered_map<std::string_view, size_t> propertyIndex;
+  std::vector<std::pair<const Pattern*, const Node*>> patternProperties;
   bool additionalPropertiesAllowed = true;
   const Node* additionalProperties = nullptr;
   std::vector<std::string_view> required;
+  std::vector<size_t> requiredProperty;  // parallel: index in properties, or kNoProperty
   int64_t minProperties = -1;
   int64_t maxProperties = -1;
   std::vector<Dependency> dependencies;
@@ -110,6 +126,9 @@ struct Node {
   std::string_view format;
   std::vector<std::string_view> unknownKeywords;
 
+  // Whether any annotation above or any combination applies at all.
+  bool hasAdvisories = false;
+  bool hasCombinations = false;
   // Whether any keyword beyond the type test needs the value's content.
   bool hasNumberChecks = false;
   bool hasStringChecks = false;
@@ -143,10 +162,16 @@ class CompiledSchema {
   const Node* ResolveRef(const rapidjson::Value& ref, const std::string& location, int depth);
   void CheckRefCycles();
   void Fail(const std::string& location, std::string reason);
+  // The compiled pattern of `text`, compiled once per schema; null (and a
+  // failure at `location`) when it is not a valid regular expression.
+  const Pattern* PatternFor(std::string_view text, const std::string& location);
 
   const rapidjson::Value& doc_;
   std::deque<Node> nodes_;
   std::unordered_map<const rapidjson::Value*, Node*> byValue_;
+  // By text; a pattern that failed to compile keeps its reason instead.
+  std::unordered_map<std::string, std::unique_ptr<Pattern>> patterns_;
+  std::unordered_map<std::string, std::string> badPatterns_;
   std::vector<SchemaError> errors_;
   const Node* root_ = nullptr;
 };

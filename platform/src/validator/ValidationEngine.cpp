@@ -158,7 +158,21 @@ size_t HashValue(const rapidjson::Value& v) {
 }
 
 // Pairs (first equal index, duplicate index), ordered by the duplicate.
+// Values count as equal when their hashes are and RapidJSON's == says so.
 std::vector<std::pair<size_t, size_t>> Duplicates(const rapidjson::Value& array) {
+  // Short arrays: every pair, hashed only when == holds.
+  if (array.Size() <= 16) {
+    std::vector<std::pair<size_t, size_t>> out;
+    for (rapidjson::SizeType j = 1; j < array.Size(); ++j) {
+      for (rapidjson::SizeType i = 0; i < j; ++i) {
+        if (array[i] == array[j] && HashValue(array[i]) == HashValue(array[j])) {
+          out.emplace_back(i, j);
+          break;
+        }
+      }
+    }
+    return out;
+  }
   std::vector<std::pair<size_t, size_t>> hashed;
   hashed.reserve(array.Size());
   for (rapidjson::SizeType i = 0; i < array.Size(); ++i) hashed.emplace_back(HashValue(array[i]), i);
@@ -289,20 +303,7 @@ void Engine::Check(const Node* node, const rapidjson::Value& value) {
   bool outerSensitive = sensitive_;
   sensitive_ = sensitive_ || node->sensitive;
 
-  for (std::string_view keyword : node->unknownKeywords) {
-    if (Fails(JsonValidator::UNKNOWN_KEYWORD)) {
-      Emit(JsonValidator::UNKNOWN_KEYWORD, {std::string(keyword)});
-    }
-  }
-  if (!node->format.empty() && value.IsString() && Fails(JsonValidator::FORMAT_NOT_CHECKED)) {
-    Emit(JsonValidator::FORMAT_NOT_CHECKED, {std::string(node->format)});
-  }
-  if (node->readOnly && Fails(JsonValidator::READ_ONLY_PROPERTY)) {
-    Emit(JsonValidator::READ_ONLY_PROPERTY, {LastName()});
-  }
-  if (node->deprecated && Fails(JsonValidator::DEPRECATED_PROPERTY)) {
-    Emit(JsonValidator::DEPRECATED_PROPERTY, {LastName()});
-  }
+  if (node->hasAdvisories) CheckAdvisories(*node, value);
 
   if (node->types != 0 && (node->types & TypeBitsOf(value)) == 0 &&
       Fails(JsonValidator::TYPE_MISMATCH)) {
@@ -338,8 +339,26 @@ void Engine::Check(const Node* node, const rapidjson::Value& value) {
         break;
     }
   }
-  if (!Stop()) CheckCombinations(*node, value);
+  if (node->hasCombinations && !Stop()) CheckCombinations(*node, value);
   sensitive_ = outerSensitive;
+}
+
+void Engine::CheckAdvisories(const Node& node, const rapidjson::Value& value) {
+  for (std::string_view keyword : node.unknownKeywords) {
+    if (Fails(JsonValidator::UNKNOWN_KEYWORD)) {
+      Emit(JsonValidator::UNKNOWN_KEYWORD, {std::string(keyword)});
+    }
+  }
+  if (!node.format.empty() && value.IsString() && Fails(JsonValidator::FORMAT_NOT_CHECKED)) {
+    Emit(JsonValidator::FORMAT_NOT_CHECKED, {std::string(node.format)});
+  }
+  if (node.readOnly && Fails(JsonValidator::READ_ONLY_PROPERTY)) {
+    Emit(JsonValidator::READ_ONLY_PROPERTY, {LastName()});
+  }
+  if (node.deprecated && Fails(JsonValidator::DEPRECATED_PROPERTY)) {
+    Emit(JsonValidator::DEPRECATED_PROPERTY, {LastName()});
+  }
+
 }
 
 void Engine::CheckNumber(const Node& node, const rapidjson::Value& value) {
@@ -364,7 +383,9 @@ void Engine::CheckNumber(const Node& node, const rapidjson::Value& value) {
 }
 
 void Engine::CheckString(const Node& node, const rapidjson::Value& value) {
-  if (node.minLength >= 0 || node.maxLength >= 0) {
+  // Code points are at most bytes, so a string within maxLength bytes needs
+  // no count for it.
+  if (node.minLength > 0 || (node.maxLength >= 0 && value.GetStringLength() > node.maxLength)) {
     auto length = static_cast<int64_t>(CodePoints(value));
     if (node.minLength >= 0 && length < node.minLength && Fails(JsonValidator::MIN_LENGTH)) {
       Emit(JsonValidator::MIN_LENGTH, {std::to_string(length), std::to_string(node.minLength)});
@@ -431,12 +452,47 @@ void Engine::CheckObject(const Node& node, const rapidjson::Value& value) {
   if (node.maxProperties >= 0 && count > node.maxProperties && Fails(JsonValidator::MAX_PROPERTIES)) {
     Emit(JsonValidator::MAX_PROPERTIES, {std::to_string(count), std::to_string(node.maxProperties)});
   }
+  // Every member's "properties" schema is found first, so that a required
+  // name that is a property is known present without a search. Values
+  // usually list their members in the schema's order: each is looked for
+  // first where the previous one was found.
+  constexpr size_t kInline = 32;
+  const Node* inlineSchemas[kInline];
+  std::vector<const Node*> manySchemas;
+  const Node** schemaOf = inlineSchemas;
+  uint64_t present = 0;  // bit i: properties[i] (i < 64) is a member
+  const bool byName = !node.properties.empty();
+  if (byName) {
+    if (value.MemberCount() > kInline) {
+      manySchemas.resize(value.MemberCount());
+      schemaOf = manySchemas.data();
+    }
+    size_t next = 0;
+    const Node** out = schemaOf;
+    for (auto& member : value.GetObject()) {
+      const std::string_view name = View(member.name);
+      size_t at = kNoProperty;
+      if (next < node.properties.size() && node.properties[next].name == name) {
+        at = next;
+      } else if (auto it = node.propertyIndex.find(name); it != node.propertyIndex.end()) {
+        at = it->second;
+      }
+      *out++ = at == kNoProperty ? nullptr : node.properties[at].node;
+      if (at != kNoProperty) {
+        next = at + 1;
+        if (at < 64) present |= uint64_t(1) << at;
+      }
+    }
+  }
   auto has = [&value](std::string_view name) {
     return value.HasMember(rapidjson::Value(
         rapidjson::StringRef(name.data(), static_cast<rapidjson::SizeType>(name.size()))));
   };
-  for (std::string_view name : node.required) {
-    if (!has(name) && Fails(JsonValidator::REQUIRED_PROPERTY_MISSING)) {
+  for (size_t r = 0; r < node.required.size(); ++r) {
+    const std::string_view name = node.required[r];
+    const size_t at = node.requiredProperty[r];
+    const bool found = byName && at < 64 ? ((present >> at) & 1) != 0 : has(name);
+    if (!found && Fails(JsonValidator::REQUIRED_PROPERTY_MISSING)) {
       Emit(JsonValidator::REQUIRED_PROPERTY_MISSING, {std::string(name)}, name);
     }
   }
@@ -450,21 +506,20 @@ void Engine::CheckObject(const Node& node, const rapidjson::Value& value) {
     }
     if (dep.schema != nullptr) Check(dep.schema, value);
   }
-  bool checksMembers = !node.properties.empty() || !node.patternProperties.empty() ||
+  bool checksMembers = byName || !node.patternProperties.empty() ||
                        !node.additionalPropertiesAllowed || node.additionalProperties != nullptr;
   if (!checksMembers) return;
+  size_t index = 0;
   for (auto& member : value.GetObject()) {
     if (Stop()) return;
     std::string_view name = View(member.name);
     bool matched = false;
     PushName(name);
-    if (!node.properties.empty()) {
-      auto it = node.properties.find(name);
-      if (it != node.properties.end()) {
-        matched = true;
-        Check(it->second, member.value);
-      }
+    if (const Node* schema = byName ? schemaOf[index] : nullptr) {
+      matched = true;
+      Check(schema, member.value);
     }
+    ++index;
     for (auto& [pattern, schema] : node.patternProperties) {
       if (pattern->Matches(name)) {
         matched = true;
@@ -485,11 +540,12 @@ void Engine::CheckObject(const Node& node, const rapidjson::Value& value) {
 }
 
 void Engine::CheckUnion(const Node& node, const rapidjson::Value& value) {
-  std::string member(node.discriminator);
-  auto tag = value.FindMember(member.c_str());
+  const std::string_view member = node.discriminator;
+  auto tag = value.FindMember(
+      rapidjson::Value(rapidjson::StringRef(member.data(), static_cast<rapidjson::SizeType>(member.size()))));
   if (tag == value.MemberEnd()) {
     if (Fails(JsonValidator::UNION_TAG_MISSING)) {
-      Emit(JsonValidator::UNION_TAG_MISSING, {member}, node.discriminator);
+      Emit(JsonValidator::UNION_TAG_MISSING, {std::string(member)}, node.discriminator);
     }
     return;
   }
@@ -510,7 +566,7 @@ void Engine::CheckUnion(const Node& node, const rapidjson::Value& value) {
     }
     writer.EndArray();
     Emit(JsonValidator::UNION_TAG_UNKNOWN,
-         {member, ValueText(tag->value), list.text + (list.truncated ? "..." : "")},
+         {std::string(member), ValueText(tag->value), list.text + (list.truncated ? "..." : "")},
          node.discriminator);
   }
 }

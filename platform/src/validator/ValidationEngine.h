@@ -51,6 +51,7 @@ class Engine {
   };
 
   bool Probe(const Node* node, const rapidjson::Value& value);
+  void CheckAdvisories(const Node& node, const rapidjson::Value& value);
   void CheckNumber(const Node& node, const rapidjson::Value& value);
   void CheckString(const Node& node, const rapidjson::Value& value);
   void CheckArray(const Node& node, const rapidjson::Value& value);

@@ -10,7 +10,7 @@ import json
 import os
 import sqlite3
 
-from .host import HostPath
+from . import HostPath
 
 DATABASE = "/var/lib/corvane/configstore/configstore.db"
 DELETE_DEFAULT = "DELETE_DEFAULT"

@@ -71,6 +71,13 @@ def _behave(call):
         raise ValueError("the plugin broke")
     if verb == "echo":
         _echo(call)
+    if verb == "files":
+        # The SDK's host file helpers below the logical directory `arg`.
+        qenplugin.WriteHostFile(arg + "/new/deep/first", "one", 0o640)
+        qenplugin.WriteHostFile(arg + "/new/deep/first", "two", 0o640)
+        qenplugin.WriteHostFile(arg + "/new/second", "three")
+        qenplugin.RemoveHostFile(arg + "/old")
+        qenplugin.RemoveHostFile(arg + "/never")
 
 
 def apply(call):
