@@ -195,6 +195,7 @@ TEST(Validate, PatternRepetitionsAreBoundedBeforeCompiling) {
   EXPECT_EQ(Check(R"({"pattern": "^[0-9]{1,88888888888888888888}$"})", R"("1")"),
             R"([{"field":"","errId":2,"error":"invalid schema at #/pattern: invalid regular expression \"^[0-9]{1,88888888888888888888}$\": repetitions expand to more than 100000 elements","errArgs":["#/pattern","invalid regular expression \"^[0-9]{1,88888888888888888888}$\": repetitions expand to more than 100000 elements"]}])");
   EXPECT_EQ(Brief(R"({"pattern": "((a{100}){100}b){11}"})", R"("a")"), ":2 ");
+  EXPECT_EQ(Brief(R"({"pattern": "[0-9]{18446744073709551615,2}"})", R"("1")"), ":2 ");
   EXPECT_EQ(Check(R"({"pattern": "(a)\\99999999999999999999"})", R"("a")"),
             R"([{"field":"","errId":2,"error":"invalid schema at #/pattern: invalid regular expression \"(a)\\99999999999999999999\": back-reference number above 999","errArgs":["#/pattern","invalid regular expression \"(a)\\99999999999999999999\": back-reference number above 999"]}])");
   // Ordinary bounded patterns, braces in classes and escaped braces compile.

@@ -38,11 +38,14 @@ std::string TooLargeForRegex(std::string_view text) {
       sums.pop_back();
       sums.back() = std::min(sums.back() + last, over);
     } else if (c == '{' && i + 1 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1]))) {
-      unsigned long most = 0;
+      // Both bounds are read (and "{n,}" copies the element n times): the
+      // larger one counts.
+      unsigned long most = 0, count = 0;
       for (++i; i < text.size() && text[i] != '}'; ++i) {
-        if (text[i] == ',') most = 0;  // with no upper bound, the lower one is what is copied
-        else if (std::isdigit(static_cast<unsigned char>(text[i]))) most = std::min(most * 10 + (text[i] - '0'), over);
+        if (text[i] == ',') count = 0;
+        else if (std::isdigit(static_cast<unsigned char>(text[i]))) count = std::min(count * 10 + (text[i] - '0'), over);
         else break;
+        most = std::max(most, count);
       }
       const unsigned long grown = times(last, most);
       sums.back() = std::min(sums.back() + (grown > last ? grown - last : 0), over);
