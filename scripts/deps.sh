@@ -10,6 +10,8 @@ PACKAGES=(
   # cpack -G DEB: dpkg-shlibdeps for the package's dependencies, file to
   # tell it which files are ELF objects
   dpkg-dev file
+  # clang with its libFuzzer and sanitizer runtimes, for scripts/fuzz.sh
+  clang libclang-rt-14-dev
 )
 
 # Only the peer validator comparison (bench/bench_peer_validator.cpp) uses

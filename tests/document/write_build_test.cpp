@@ -31,6 +31,20 @@ TEST(CreateDocument, ParsesOneValueOrFailsWith2080) {
   EXPECT_EQ(SerializeValue(d), R"({"a":[1,2.5,"x"]})");
 }
 
+TEST(CreateDocument, NumbersPastTheLargestDoubleAreRefused) {
+  // 2e308 rounds to infinity, which no writer could give back as JSON.
+  for (const char* text : {"[1, 2e308]", "{\"a\": -2e308}"}) {
+    Document d;
+    const QenPlatform::JsonParseResult result = QenPlatform::ParseJson(text, d);
+    EXPECT_EQ(result.status, QenPlatform::JsonParseResult::kNotJson) << text;
+    EXPECT_EQ(result.reason, std::string("Number too big to be stored in double. at offset ") +
+                                 (text[0] == '[' ? "4" : "6")) << text;
+    EXPECT_TRUE(d.IsNull()) << text;
+  }
+  Document d;
+  EXPECT_TRUE(QenPlatform::ParseJson("[1.7976931348623157e308, 0e308, -0.0]", d));
+}
+
 TEST(CreateDocument, DepthLimitIsExact) {
   Document d;
   CreateDocument(std::string(512, '[') + std::string(512, ']'), d);

@@ -190,6 +190,20 @@ TEST(Validate, MalformedSchemaIsReportedByLocationAndValueIsNotJudged) {
   EXPECT_EQ(Brief(R"({"type": 5})", "1", {0, 1, 2, 3, 4, 5, 6, 7, 8}), ":2 ");
 }
 
+TEST(Validate, PatternRepetitionsAreBoundedBeforeCompiling) {
+  // A count past a long, and nested counts multiplying past the bound.
+  EXPECT_EQ(Check(R"({"pattern": "^[0-9]{1,88888888888888888888}$"})", R"("1")"),
+            R"([{"field":"","errId":2,"error":"invalid schema at #/pattern: invalid regular expression \"^[0-9]{1,88888888888888888888}$\": repetitions expand to more than 100000 elements","errArgs":["#/pattern","invalid regular expression \"^[0-9]{1,88888888888888888888}$\": repetitions expand to more than 100000 elements"]}])");
+  EXPECT_EQ(Brief(R"({"pattern": "((a{100}){100}b){11}"})", R"("a")"), ":2 ");
+  EXPECT_EQ(Brief(R"({"pattern": "[0-9]{18446744073709551615,2}"})", R"("1")"), ":2 ");
+  EXPECT_EQ(Check(R"({"pattern": "(a)\\99999999999999999999"})", R"("a")"),
+            R"([{"field":"","errId":2,"error":"invalid schema at #/pattern: invalid regular expression \"(a)\\99999999999999999999\": back-reference number above 999","errArgs":["#/pattern","invalid regular expression \"(a)\\99999999999999999999\": back-reference number above 999"]}])");
+  // Ordinary bounded patterns, braces in classes and escaped braces compile.
+  EXPECT_EQ(Brief(R"({"pattern": "^([0-9]{1,3}\\.){3}[0-9]{1,3}/[0-9]{1,2}$"})", R"("10.0.0.1/24")"), "");
+  EXPECT_EQ(Brief(R"({"pattern": "^[a-z]{1,63}(\\.[a-z]{1,63}){0,126}$"})", R"("lab.example")"), "");
+  EXPECT_EQ(Brief(R"({"pattern": "^[{]\\{99999999999\\}$"})", R"("{{99999999999}")"), "");
+}
+
 TEST(Validate, MembersFoundWhateverTheirOrderCountOrRepetition) {
   // Out of schema order, a name the schema repeats (its last schema counts),
   // a member that is no property.

@@ -1,6 +1,7 @@
 // The depth-limited parse of outside JSON text. Carried by plugins: it needs
 // nothing but RapidJSON.
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -22,7 +23,13 @@ class NestingLimit {
   bool Uint(unsigned u) { return doc_.Uint(u); }
   bool Int64(int64_t i) { return doc_.Int64(i); }
   bool Uint64(uint64_t u) { return doc_.Uint64(u); }
-  bool Double(double d) { return doc_.Double(d); }
+  // A number past the largest double reads as infinity, which no JSON
+  // writer can write back: refused like a number too big to read at all.
+  bool Double(double d) {
+    if (std::isfinite(d)) return doc_.Double(d);
+    tooBig = true;
+    return false;
+  }
   bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) { return doc_.RawNumber(s, n, copy); }
   bool String(const char* s, rapidjson::SizeType n, bool copy) { return doc_.String(s, n, copy); }
   bool Key(const char* s, rapidjson::SizeType n, bool copy) { return doc_.Key(s, n, copy); }
@@ -32,6 +39,7 @@ class NestingLimit {
   bool EndArray(rapidjson::SizeType n) { --depth_; return doc_.EndArray(n); }
 
   bool tooDeep = false;
+  bool tooBig = false;
 
  private:
   bool Open() {
@@ -120,6 +128,9 @@ JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& do
     if (handler.tooDeep) {
       result = {JsonParseResult::kTooDeep,
                 "nested deeper than " + std::to_string(kMaxJsonNesting) + " levels" + offset};
+    } else if (handler.tooBig) {
+      result = {JsonParseResult::kNotJson,
+                rapidjson::GetParseError_En(rapidjson::kParseErrorNumberTooBig) + offset};
     } else if (reader.HasParseError()) {
       result = {JsonParseResult::kNotJson, rapidjson::GetParseError_En(reader.GetParseErrorCode()) + offset};
     } else if (memory.Tell() != size) {

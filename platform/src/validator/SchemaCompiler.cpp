@@ -5,13 +5,72 @@
 
 #include "SchemaCompiler.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <vector>
 
 #include "JsonValidator.h"
 
 namespace QenValidator {
 
 namespace {
+
+constexpr unsigned long kMaxRepeatedElements = 100000;
+
+// Why std::regex must not be given a pattern, or "": libstdc++ builds one
+// automaton state per repeated element, so counted repetitions ("{n}",
+// "{n,m}") are bounded by what they expand to, nesting multiplied; and it
+// reads counts and back-reference numbers into a long without checking for
+// overflow.
+std::string TooLargeForRegex(std::string_view text) {
+  const unsigned long over = kMaxRepeatedElements + 1;
+  auto times = [&](unsigned long a, unsigned long b) { return b && a > over / b ? over : std::min(a * b, over); };
+  std::vector<unsigned long> sums(1, 0);  // elements of each open group
+  unsigned long last = 0;                 // elements of the atom a quantifier applies to
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '(') {
+      sums.push_back(0);
+      last = 0;
+    } else if (c == ')' && sums.size() > 1) {
+      last = std::max<unsigned long>(sums.back(), 1);
+      sums.pop_back();
+      sums.back() = std::min(sums.back() + last, over);
+    } else if (c == '{' && i + 1 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1]))) {
+      // Both bounds are read (and "{n,}" copies the element n times): the
+      // larger one counts.
+      unsigned long most = 0, count = 0;
+      for (++i; i < text.size() && text[i] != '}'; ++i) {
+        if (text[i] == ',') count = 0;
+        else if (std::isdigit(static_cast<unsigned char>(text[i]))) count = std::min(count * 10 + (text[i] - '0'), over);
+        else break;
+        most = std::max(most, count);
+      }
+      const unsigned long grown = times(last, most);
+      sums.back() = std::min(sums.back() + (grown > last ? grown - last : 0), over);
+      last = grown;
+    } else if (c != '|' && c != '*' && c != '+' && c != '?' && c != '^' && c != '$') {
+      if (c == '\\' && i + 1 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1]))) {
+        size_t digits = 0;
+        while (i + 1 < text.size() && std::isdigit(static_cast<unsigned char>(text[i + 1]))) ++i, ++digits;
+        if (digits > 3) return "back-reference number above 999";
+      } else if (c == '\\') {
+        ++i;
+      }
+      if (c == '[') {
+        // A class is one element, whatever it holds.
+        for (++i; i < text.size() && text[i] != ']'; ++i)
+          if (text[i] == '\\') ++i;
+      }
+      last = 1;
+      sums.back() = std::min(sums.back() + 1, over);
+    }
+    if (sums.back() >= over) break;
+  }
+  if (sums.back() < over) return "";
+  return "repetitions expand to more than " + std::to_string(kMaxRepeatedElements) + " elements";
+}
 
 std::string_view View(const rapidjson::Value& s) {
   return std::string_view(s.GetString(), s.GetStringLength());
@@ -112,6 +171,13 @@ const Pattern* CompiledSchema::PatternFor(std::string_view text, const std::stri
   }
   auto p = std::make_unique<Pattern>();
   p->text = key;
+  const std::string tooLarge = TooLargeForRegex(text);
+  if (!tooLarge.empty()) {
+    std::string reason = "invalid regular expression \"" + p->text + "\": " + tooLarge;
+    Fail(location, reason);
+    badPatterns_.emplace(std::move(key), std::move(reason));
+    return nullptr;
+  }
   // The automaton accepts only patterns std::regex compiles, so a pattern it
   // takes needs no regex at all.
   p->dfa = PatternDfa::Build(text);

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <fstream>
 #include <string>
 
@@ -77,6 +78,19 @@ int Behave(const QenPlugin::Call& call) {
   if (verb == "huge") {
     WriteRaw(kOutput, "{\"error\": {\"msgId\": \"\", \"args\": []}, \"padding\": \"" +
                           std::string(8 << 20, 'x') + "\"}");
+    _exit(0);
+  }
+  if (verb == "noise") {
+    // A megabyte of bytes that are no JSON (a fixed sequence: a failure replays).
+    std::string bytes(1 << 20, '\0');
+    uint32_t x = 2463534242u;
+    for (char& c : bytes) {
+      x ^= x << 13;
+      x ^= x >> 17;
+      x ^= x << 5;
+      c = static_cast<char>(x);
+    }
+    WriteRaw(kOutput, bytes);
     _exit(0);
   }
   if (verb == "error") throw QenPlugin::PluginError(arg, {call.Request().GetId(), "detail"});
