@@ -59,14 +59,16 @@ same "what dpkg -r left (besides dpkg's own database)" "" \
 
 # On a CI machine (root, a clean system) the real round trip: dpkg -i into /,
 # a program built with the installed pkg-config file and found by the
-# dynamic linker without help, dpkg -r leaving none of the package's files.
+# dynamic linker without help, dpkg -P leaving none of the package's files.
 if [[ -n ${CI:-} ]]; then
-  echo "-- dpkg -i, dpkg -r on this machine (CI)"
+  echo "-- dpkg -i, dpkg -P on this machine (CI)"
   [[ $(id -u) == 0 ]] || fail "the CI round trip needs root"
   if dpkg-query -W -f='${Status}' configmanager 2>/dev/null | grep -q installed; then
     fail "configmanager is installed already; not replacing it"
   fi
   run_logged "$work/dpkg-real.log" "dpkg -i" dpkg -i "$runtime" "$dev"
+  # A failed check below must not leave the packages on the machine.
+  trap 'dpkg -P configmanager-dev configmanager >/dev/null 2>&1; rm -rf "$work"' EXIT
   files=$(dpkg-query -L configmanager configmanager-dev | sort -u)
   run_logged "$work/help.txt" "qenconfig --help from /usr/bin" qenconfig --help
   grep -q "extract" "$work/help.txt" || fail "installed qenconfig --help lists no commands"
@@ -74,12 +76,15 @@ if [[ -n ${CI:-} ]]; then
   run_logged "$work/pc.log" "building against the installed package" \
     c++ -std=c++17 -o "$work/consumer" "$here/consumer/consumer.cpp" \
     $(pkg-config --cflags --libs configmanager)
-  ldd "$work/consumer" | grep -q "libconfigmanager.so.0 => /usr/" \
+  # Found where the package put it (/lib is /usr/lib on a merged-/usr system).
+  found=$(ldd "$work/consumer" | sed -n 's/^\s*libconfigmanager\.so\.0 => \(\S*\) .*/\1/p')
+  [[ -n $found && $(readlink -f "$found") == $(readlink -f /usr/lib/libconfigmanager.so.0) ]] \
     || fail "the dynamic linker does not find libconfigmanager: $(ldd "$work/consumer")"
-  run_logged "$work/dpkg-real.log" "dpkg -r" dpkg -r configmanager-dev configmanager
-  left=$(while read -r f; do [[ -e $f && ! -d $f ]] && echo "$f"; done <<<"$files")
-  same "files dpkg -r left behind" "" "$left"
-  [[ ! -e /usr/lib/corvane/configmanager/python ]] || fail "dpkg -r left /usr/lib/corvane/configmanager/python"
+  run_logged "$work/dpkg-real.log" "dpkg -P" dpkg -P configmanager-dev configmanager
+  trap 'rm -rf "$work"' EXIT
+  left=$(while read -r f; do if [[ -e $f && ! -d $f ]]; then echo "$f"; fi; done <<<"$files")
+  same "files dpkg -P left behind" "" "$left"
+  [[ ! -e /usr/lib/corvane/configmanager/python ]] || fail "dpkg -P left /usr/lib/corvane/configmanager/python"
 fi
 
 echo "package test passed"
