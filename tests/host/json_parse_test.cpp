@@ -35,6 +35,20 @@ TEST(ParseJsonTest, InvalidUtf8IsRefusedWithTheOffsetOfItsFirstBadByte) {
   EXPECT_TRUE(Parse("{\"na\xc3\xafve\": \"\xe2\x82\xac \xf0\x9f\x98\x80\"}"));
 }
 
+TEST(ParseJsonTest, EscapedSurrogatesMustPair) {
+  // A low half alone would decode into bytes that are no UTF-8, which every
+  // later parse of the written document refuses; a high half alone the
+  // reader refuses itself.
+  for (const std::string text : {R"(["a\ude00"])", R"({"\udc00": 1})", R"(["\ud83d\ude00\ude00"])", R"(["\ud83dx"])"}) {
+    const JsonParseResult r = Parse(text);
+    EXPECT_EQ(r.status, JsonParseResult::kNotJson) << text;
+    EXPECT_EQ(r.reason.rfind("The surrogate pair in string is invalid. at offset ", 0), 0u) << r.reason;
+  }
+  rapidjson::Document doc;
+  ASSERT_TRUE(QenPlatform::ParseJson(R"(["\ud83d\ude00", "\u00e9"])", doc));
+  EXPECT_EQ(std::string(doc[0].GetString()), "\xf0\x9f\x98\x80");
+}
+
 TEST(ParseJsonTest, RepeatedMemberNamesAreRefusedNamingTheNameAndItsObject) {
   const std::string text = R"({"p": {"a": 1, "b": [{"x": 1, "x": 2}], "a": 3}})";
   JsonParseResult r = Parse(text);

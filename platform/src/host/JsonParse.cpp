@@ -31,8 +31,8 @@ class NestingLimit {
     return false;
   }
   bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) { return doc_.RawNumber(s, n, copy); }
-  bool String(const char* s, rapidjson::SizeType n, bool copy) { return doc_.String(s, n, copy); }
-  bool Key(const char* s, rapidjson::SizeType n, bool copy) { return doc_.Key(s, n, copy); }
+  bool String(const char* s, rapidjson::SizeType n, bool copy) { return Valid(s, n) && doc_.String(s, n, copy); }
+  bool Key(const char* s, rapidjson::SizeType n, bool copy) { return Valid(s, n) && doc_.Key(s, n, copy); }
   bool StartObject() { return Open() && doc_.StartObject(); }
   bool EndObject(rapidjson::SizeType n) { --depth_; return doc_.EndObject(n); }
   bool StartArray() { return Open() && doc_.StartArray(); }
@@ -40,8 +40,23 @@ class NestingLimit {
 
   bool tooDeep = false;
   bool tooBig = false;
+  bool surrogate = false;
 
  private:
+  // The reader checks the text's bytes, but decodes an escaped low surrogate
+  // without its high half ("\ude00") into bytes that are no UTF-8 (ED B0-BF):
+  // every later parse of the written text would refuse them.
+  bool Valid(const char* s, rapidjson::SizeType n) {
+    const char* end = s + n;
+    for (const char* p = s; (p = static_cast<const char*>(std::memchr(p, '\xED', end - p))) != nullptr; ++p) {
+      if (p + 1 < end && static_cast<unsigned char>(p[1]) >= 0xA0) {
+        surrogate = true;
+        return false;
+      }
+    }
+    return true;
+  }
+
   bool Open() {
     if (++depth_ <= kMaxJsonNesting) return true;
     tooDeep = true;
@@ -128,6 +143,9 @@ JsonParseResult ParseJson(const char* text, size_t size, rapidjson::Document& do
     if (handler.tooDeep) {
       result = {JsonParseResult::kTooDeep,
                 "nested deeper than " + std::to_string(kMaxJsonNesting) + " levels" + offset};
+    } else if (handler.surrogate) {
+      result = {JsonParseResult::kNotJson,
+                rapidjson::GetParseError_En(rapidjson::kParseErrorStringUnicodeSurrogateInvalid) + offset};
     } else if (handler.tooBig) {
       result = {JsonParseResult::kNotJson,
                 rapidjson::GetParseError_En(rapidjson::kParseErrorNumberTooBig) + offset};
