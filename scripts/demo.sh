@@ -60,7 +60,7 @@ step "The host's current configuration: the store's values merged with what the 
 q extract current
 step "Validate a good desired document: every key matches its schema and its validation plugin."
 q validate "$DOCS/desired-good.json"
-step "Validate a bad one: each error names the path of the value and why it is refused (exit 1)."
+step "Validate a bad one: each error names the path of the value and why it is refused (exit 3: invalid)."
 q validate "$DOCS/desired-bad.json"
 step "Compliance: every difference between a desired document and the host, down to single properties (exit 3: drift found)."
 q compliance "$DOCS/desired-compliance.json" --property-level
