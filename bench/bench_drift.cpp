@@ -241,7 +241,9 @@ int main(int argc, char** argv) {
   std::printf("\nRatios (same run)\n");
   for (auto& entry : Cases()) {
     const std::string& name = entry.first;
-    ratio(("ComputeDrift/parse " + name).c_str(), "ComputeDrift/" + name, "Parse/" + name, 1, 0.3);
+    // The large drifted case has the tighter goal.
+    ratio(("ComputeDrift/parse " + name).c_str(), "ComputeDrift/" + name, "Parse/" + name, 1,
+          name == "keys:100000/drift:1" ? 0.25 : 0.3);
   }
   for (const char* key : {"nat", "gen"})
     for (int drift : {0, 1}) {
