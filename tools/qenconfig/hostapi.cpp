@@ -36,15 +36,6 @@ void AddChangeOptions(CLI::App* cmd, ChangeArgs& args) {
       ->check(CLI::PositiveNumber);
 }
 
-std::string Pretty(const std::string& text) {
-  if (text.empty()) return "(none)";
-  rapidjson::Document doc;
-  ParseDocument(text, doc);
-  return JsonToString(doc);
-}
-
-std::string Describe(const ErrorInfo& error) { return qenconfig::DescribeError(error); }
-
 constexpr const char* kImpactNames[] = {"NO_IMPACT", "MAINTENANCE_MODE_REQUIRED", "REBOOT_REQUIRED"};
 
 // The JSON report of set and delete: what was asked, its impact and what
@@ -68,36 +59,34 @@ void PrintChange(const ChangeArgs& args, const ImpactResult* impact, const char*
 }
 
 int Get(const KeyArgs& args, bool showSensitive) {
-  std::string defaults, current, userConfig;
-  GetConfig(args.component, args.group, args.key, defaults, current, userConfig);
-  if (!showSensitive) {
-    for (std::string* text : {&defaults, &current}) {
-      if (text->empty()) continue;
-      rapidjson::Document value;
-      ParseDocument(*text, value);
-      qenconfig::RedactSensitive(args.component, args.group, args.key, value, value.GetAllocator());
-      *text = QenPlatform::CompactJson(value);
-    }
+  std::string defaultsText, currentText, userConfig;
+  GetConfig(args.component, args.group, args.key, defaultsText, currentText, userConfig);
+  // Each value parsed once: null when the key has none, redacted unless
+  // the caller asked for it in clear.
+  rapidjson::Document defaults, current;
+  for (auto [text, value] : {std::pair{&defaultsText, &defaults}, std::pair{&currentText, &current}}) {
+    if (text->empty()) continue;
+    ParseDocument(*text, *value);
+    if (!showSensitive)
+      qenconfig::RedactSensitive(args.component, args.group, args.key, *value, value->GetAllocator());
   }
   if (!qenconfig::JsonOutput()) {
+    auto shown = [](const std::string& text, const rapidjson::Value& value) {
+      return text.empty() ? std::string("(none)") : JsonToString(value);
+    };
     std::cout << args.Name() << ": " << userConfig << "\n"
-              << "default: " << Pretty(defaults) << "\n"
-              << "current: " << Pretty(current) << "\n";
+              << "default: " << shown(defaultsText, defaults) << "\n"
+              << "current: " << shown(currentText, current) << "\n";
     return qenconfig::kOk;
   }
   rapidjson::Document out(rapidjson::kObjectType);
   auto& a = out.GetAllocator();
-  auto add = [&](const char* name, const std::string& text) {
-    rapidjson::Document value;
-    if (!text.empty()) ParseDocument(text, value);
-    out.AddMember(rapidjson::StringRef(name), rapidjson::Value(value, a), a);
-  };
   out.AddMember("component", rapidjson::Value(args.component, a), a);
   out.AddMember("group", rapidjson::Value(args.group, a), a);
   out.AddMember("key", rapidjson::Value(args.key, a), a);
   out.AddMember("userConfig", rapidjson::Value(userConfig, a), a);
-  add("default", defaults);
-  add("current", current);
+  out.AddMember("default", rapidjson::Value(defaults, a), a);
+  out.AddMember("current", rapidjson::Value(current, a), a);
   qenconfig::PrintJson(out);
   return qenconfig::kOk;
 }
@@ -119,7 +108,7 @@ bool ValidateRelevant(const rapidjson::Document& relevant) {
     for (const ErrorInfo& message : error.messages)
       std::cerr << "invalid: " << error.path << ": " << qenconfig::DescribeProblem(message) << "\n";
   if (!result.pluginError.IsEmpty()) {
-    std::cerr << "error: validation failed: " << Describe(result.pluginError) << "\n";
+    std::cerr << "error: validation failed: " << qenconfig::DescribeError(result.pluginError) << "\n";
     qenconfig::PrintPluginFailure(result.pluginError);
   }
   return result.errors.empty() && result.pluginError.IsEmpty();
@@ -129,7 +118,7 @@ bool ValidateRelevant(const rapidjson::Document& relevant) {
 int ReviewImpact(const ImpactResult& impact, const ChangeArgs& args) {
   qenconfig::ExitIfInterrupted();
   if (!impact.errorInfo.IsEmpty()) {
-    std::cerr << "error: impact check failed: " << Describe(impact.errorInfo) << "\n";
+    std::cerr << "error: impact check failed: " << qenconfig::DescribeError(impact.errorInfo) << "\n";
     qenconfig::PrintPluginFailure(impact.errorInfo);
     return qenconfig::kFailure;
   }
@@ -165,7 +154,7 @@ int Report(const ErrorInfo& error, const ImpactResult& impact, const ChangeArgs&
   if (!error.IsEmpty()) {
     if (qenconfig::TimedOut())
       std::cerr << "error: stopped after --timeout " << args.timeout << " s\n";
-    std::cerr << "error: " << Describe(error) << "\n";
+    std::cerr << "error: " << qenconfig::DescribeError(error) << "\n";
     qenconfig::PrintPluginFailure(error);
     return qenconfig::kFailure;
   }
