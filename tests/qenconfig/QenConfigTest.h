@@ -76,6 +76,9 @@ class QenConfigTest : public HostRootTest {
   // Runs qenconfig --root <this root> args... to completion.
   Outcome Run(std::vector<std::string> args) { return Finish(Start(std::move(args))); }
 
+  // Seeds the store with the sample host's values, as most tests start.
+  void LoadSampleStore() { ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0); }
+
   // A user file outside the host root's logical paths.
   std::string UserFile(const std::string& name, const std::string& text) {
     WriteFile("/" + name, text);

@@ -19,7 +19,7 @@ class BadInputTest : public QenConfigTest {
  protected:
   void SetUp() override {
     QenConfigTest::SetUp();
-    ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+    LoadSampleStore();
     before_ = Dump();
   }
   std::string Dump() {

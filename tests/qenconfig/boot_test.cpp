@@ -28,7 +28,7 @@ class BootCommandTest : public QenConfigTest {
  protected:
   void SetUp() override {
     QenConfigTest::SetUp();
-    ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+    LoadSampleStore();
   }
 };
 

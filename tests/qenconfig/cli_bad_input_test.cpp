@@ -46,7 +46,7 @@ class CliBadInputTest : public QenConfigTest, public ::testing::WithParamInterfa
  protected:
   void SetUp() override {
     QenConfigTest::SetUp();
-    ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+    LoadSampleStore();
   }
 
   std::string Bytes(const std::string& logical) const {

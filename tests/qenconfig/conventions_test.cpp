@@ -23,8 +23,6 @@ constexpr const char* kCommands =
 
 class ConventionsTest : public QenConfigTest {
  protected:
-  void Load() { ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0); }
-
   static rapidjson::Document Json(const Outcome& outcome) {
     rapidjson::Document doc;
     EXPECT_TRUE(QenPlatform::ParseJson(outcome.out, doc)) << outcome.out;
@@ -86,7 +84,7 @@ TEST_F(ConventionsTest, HelpListsTheExitCodesAndEachJsonForm) {
 }
 
 TEST_F(ConventionsTest, StatusListsAndStatsHaveAJsonForm) {
-  Load();
+  LoadSampleStore();
   Outcome status = Run({"host", "status", "--output", "json"});
   EXPECT_EQ(status.exit, 0) << status.err;
   EXPECT_EQ(status.out, "{\n   \"maintenanceMode\": false,\n   \"quickBoot\": \"QUICKBOOT_SUPPORTED\",\n"
@@ -112,7 +110,7 @@ TEST_F(ConventionsTest, StatusListsAndStatsHaveAJsonForm) {
 }
 
 TEST_F(ConventionsTest, ValidateReportsReadablyAndSeparatesInvalidFromFailed) {
-  Load();
+  LoadSampleStore();
   const std::string good = std::string(kDocs) + "desired-good.json";
   Outcome valid = Run({"validate", good});
   EXPECT_EQ(valid.exit, 0) << valid.err;
@@ -146,7 +144,7 @@ TEST_F(ConventionsTest, ValidateReportsReadablyAndSeparatesInvalidFromFailed) {
 }
 
 TEST_F(ConventionsTest, ComplianceJsonHoldsValuesNotTexts) {
-  Load();
+  LoadSampleStore();
   Outcome json = Run({"compliance", std::string(kDocs) + "desired-compliance.json", "--property-level", "--json"});
   EXPECT_EQ(json.exit, 3) << json.err;
   rapidjson::Document result = Json(json);
@@ -183,7 +181,7 @@ TEST_F(ConventionsTest, ErrorsNameTheUsersPathsAndHowAPluginEnded) {
   Outcome load = Run({"store", "load", "/etc/no-such-store.json"});
   EXPECT_EQ(load.err, "error: cannot read file \"/etc/no-such-store.json\": No such file or directory\n");
 
-  Load();
+  LoadSampleStore();
   const std::string plugin = "/usr/lib/corvane/configmanager/apply_modules/resolver/plugin.py";
   WriteFile(plugin, ReadFile(plugin) + "\n\ndef extract(call):\n    import os\n    os._exit(3)\n");
   Outcome extract = Run({"extract", "current"});

@@ -15,7 +15,7 @@ class HostApiCliTest : public QenConfigTest {
  protected:
   void SetUp() override {
     QenConfigTest::SetUp();
-    ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+    LoadSampleStore();
   }
 
   // What a change must leave alone when it is refused.

@@ -34,7 +34,7 @@ class PlanApplyTest : public QenConfigTest {
  protected:
   void SetUp() override {
     QenConfigTest::SetUp();
-    ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+    LoadSampleStore();
     plan_ = Path("/my.plan");
   }
 

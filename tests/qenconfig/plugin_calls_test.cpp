@@ -24,7 +24,7 @@ class PluginCallsTest : public QenConfigTest {
 
   void SetUp() override {
     QenConfigTest::SetUp();
-    ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+    LoadSampleStore();
   }
 
   // A validation plugin for the resolver that records its process id and

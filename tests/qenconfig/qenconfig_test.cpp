@@ -15,7 +15,7 @@ using QenTest::Outcome;
 using QenTest::QenConfigTest;
 
 TEST_F(QenConfigTest, ExtractedConfigurationCompliesWithItself) {
-  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  LoadSampleStore();
   Outcome extract = Run({"extract", "current", "--show-sensitive"});
   ASSERT_EQ(extract.exit, 0) << extract.err;
   Outcome check = Run({"compliance", UserFile("current.json", extract.out)});
@@ -24,7 +24,7 @@ TEST_F(QenConfigTest, ExtractedConfigurationCompliesWithItself) {
 }
 
 TEST_F(QenConfigTest, DriftIsATableOrJsonWithRedactedValuesAndExitThree) {
-  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  LoadSampleStore();
   const std::string desired = std::string(kDocs) + "desired-compliance.json";
 
   Outcome table = Run({"compliance", desired, "--property-level"});
@@ -71,7 +71,7 @@ TEST_F(QenConfigTest, FailuresAreUsageOrCodedErrors) {
 }
 
 TEST_F(QenConfigTest, ExportPrintsOrWritesTheDocumentAndItsTelemetryForm) {
-  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  LoadSampleStore();
   Outcome printed = Run({"export"});
   ASSERT_EQ(printed.exit, 0) << printed.err;
   EXPECT_NE(printed.out.find("\n   \"metadata\": {\n      \"reference_host\": {\n         \"build\": \"24585383\","),
@@ -107,7 +107,7 @@ TEST_F(QenConfigTest, ExportPrintsOrWritesTheDocumentAndItsTelemetryForm) {
 }
 
 TEST_F(QenConfigTest, SmartnicGetAndSet) {
-  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  LoadSampleStore();
   Outcome get = Run({"smartnic", "get"});
   ASSERT_EQ(get.exit, 0) << get.err;
   EXPECT_EQ(get.out, "{\n   \"system\": {\n      \"smartnic\": {\n         \"offload\": {\n"
@@ -126,7 +126,7 @@ TEST_F(QenConfigTest, SmartnicGetAndSet) {
 }
 
 TEST_F(QenConfigTest, TelemetryItemsAsTextOrJsonWithTheReturnedIndex) {
-  ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+  LoadSampleStore();
   Outcome text = Run({"telemetry", "--exclude", "configManagerQenConfig,configManagerConfigStoreMetrics",
                       "--start", "1", "--index", "0"});
   ASSERT_EQ(text.exit, 0) << text.err;

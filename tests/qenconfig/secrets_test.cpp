@@ -24,7 +24,7 @@ class SecretsTest : public QenConfigTest {
  protected:
   void SetUp() override {
     QenConfigTest::SetUp();
-    ASSERT_EQ(Run({"store", "load", std::string(kDocs) + "store-sample.json"}).exit, 0);
+    LoadSampleStore();
   }
 
   // The text of the log and its rotated files.
